@@ -1,0 +1,19 @@
+#include "common/faults.h"
+
+#include <atomic>
+
+namespace kevra_cpu {
+
+int due_failure(const char* name) {
+  const std::vector<Failure>& entries = settings().failures;
+  static std::atomic<uint64_t>* const calls = new std::atomic<uint64_t>[entries.size()]();
+  int code = 0;
+  for (size_t i = 0; i < entries.size(); ++i) {
+    if (entries[i].name != name) continue;
+    const uint64_t call = calls[i].fetch_add(1, std::memory_order_relaxed) + 1;
+    if (call == entries[i].call) code = entries[i].code;
+  }
+  return code;
+}
+
+}  // namespace kevra_cpu
