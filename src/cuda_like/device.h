@@ -1,0 +1,134 @@
+// The neutral device interface: what the operations know of the GPU. Declarations only; the
+// runtime floor defines them for the platform at hand.
+//
+// Neutral calls answer the platform's status, 0 being success, and stand in KEVRA_CHECK, which
+// turns any other status into std::runtime_error with file, line, the call's own text and the
+// platform's words. Nothing here waits unless it says so.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <utility>
+
+namespace kevra::codegen {
+class Backend;
+}
+
+namespace kevra {
+
+using stream_t = void*;  // null: the null stream
+using devptr_t = void*;
+using event_t = void*;
+using graph_exec_t = void*;
+using kernel_t = void*;  // a compiled kernel of one device
+
+// --- Failures -----------------------------------------------------------------------------
+
+void check_device(int status, const char* file, int line, const char* expr,
+                  const char* context = nullptr);
+
+// A macro, because the failure text holds the call's source text and place.
+#define KEVRA_CHECK(call) ::kevra::check_device((call), __FILE__, __LINE__, #call)
+#define KEVRA_CHECK_IN(call, context) \
+  ::kevra::check_device((call), __FILE__, __LINE__, #call, context)
+
+// --- Copies, waits, events ----------------------------------------------------------------
+
+// These two run on the null stream and return when the bytes have arrived.
+int memcpyHtoD(devptr_t dst, const void* src, size_t bytes);
+int memcpyDtoH(void* dst, devptr_t src, size_t bytes);
+
+int memcpyHtoDAsync(devptr_t dst, const void* src, size_t bytes, stream_t stream);
+int memcpyDtoDAsync(devptr_t dst, devptr_t src, size_t bytes, stream_t stream);
+int memsetD8Async(devptr_t p, unsigned char value, size_t bytes, stream_t stream);
+
+// One side of a 2-D copy. `memory` 2 is device memory, every other value host memory.
+struct CopySide {
+  size_t x_bytes = 0;
+  size_t y = 0;
+  int memory = 2;
+  void* address = nullptr;
+  size_t pitch = 0;
+};
+struct Copy2D {
+  CopySide src, dst;
+  size_t width_bytes = 0;
+  size_t height = 0;
+};
+int memcpy2DAsync(const Copy2D* copy, stream_t stream);
+
+int memAlloc(devptr_t* p, size_t bytes);  // past the pool
+int deviceSynchronize();
+int streamSynchronize(stream_t stream);
+int eventCreate(event_t* event);
+int eventRecord(event_t event, stream_t stream);
+int eventElapsedTime(float* milliseconds, event_t start, event_t stop);
+int streamWaitEvent(stream_t stream, event_t event);
+int graphLaunch(graph_exec_t graph, stream_t stream);
+
+// --- Devices and kernels ------------------------------------------------------------------
+
+// The first call of every operation: makes `dev` current and returns it. Throws
+// std::runtime_error "no HIP device available" where there is none.
+int select_device(int dev);
+
+// Bytes of shared memory that a block may have.
+int device_shared_limit(int dev);
+// Throws std::invalid_argument when a block of kernel `name` would need more.
+void check_shared(size_t bytes, int dev, const char* name);
+
+// The dialect that kernels of this platform are written in.
+const codegen::Backend& backend();
+
+// The only road from an operation to a compiled kernel. `key` must hold everything that shapes
+// the text; `source` runs only when the key is new for this device in this process.
+kernel_t kernel_function(const std::string& key, int dev,
+                         const std::function<std::string()>& source, const char* kernel_name);
+
+// Queues one launch with grid (gx, gy) and one-dimensional blocks. `args` points to the arguments
+// in kernel order.
+void launch_kernel(kernel_t fn, unsigned gx, unsigned gy, unsigned block, size_t shared,
+                   void** args, const char* name, stream_t stream);
+
+// Whether results must not depend on the order of atomic additions.
+bool deterministic();
+
+// --- Pools --------------------------------------------------------------------------------
+
+// A device block serves again only on the stream that it is released on: its next user queues
+// behind the work already there, so releasing needs no wait.
+devptr_t device_alloc(size_t bytes, stream_t stream);
+void device_free(devptr_t p, stream_t stream) noexcept;
+void* pinned_alloc(size_t bytes);
+void pinned_free(void* p) noexcept;
+
+struct DeviceBuffer {
+  DeviceBuffer(size_t bytes, stream_t on) : p(device_alloc(bytes, on)), stream(on) {}
+  DeviceBuffer(DeviceBuffer&& other) noexcept
+      : p(std::exchange(other.p, nullptr)), stream(other.stream) {}
+  DeviceBuffer(const DeviceBuffer&) = delete;
+  DeviceBuffer& operator=(const DeviceBuffer&) = delete;
+  DeviceBuffer& operator=(DeviceBuffer&&) = delete;
+  ~DeviceBuffer() { device_free(p, stream); }
+
+  devptr_t p;
+  stream_t stream;
+};
+
+struct PinnedBlock {
+  explicit PinnedBlock(size_t bytes) : p(pinned_alloc(bytes)) {}
+  PinnedBlock(PinnedBlock&& other) noexcept : p(other.release()) {}
+  PinnedBlock(const PinnedBlock&) = delete;
+  PinnedBlock& operator=(const PinnedBlock&) = delete;
+  PinnedBlock& operator=(PinnedBlock&&) = delete;
+  ~PinnedBlock() { pinned_free(p); }
+
+  // The caller takes over the block and owes it to pinned_free.
+  void* release() noexcept { return std::exchange(p, nullptr); }
+
+  void* p;
+};
+
+}  // namespace kevra

@@ -1,0 +1,12 @@
+// The binding layer: arguments in, twin picked, exceptions out. One function a family registers
+// its entry points.
+#pragma once
+
+#include <pybind11/pybind11.h>
+
+namespace kevra::bindings {
+
+void bind_queries(pybind11::module_& m);
+void bind_features(pybind11::module_& m);
+
+}  // namespace kevra::bindings

@@ -1,0 +1,9 @@
+// The extension module _rocm. Importing it registers entry points and touches no device.
+#include "rocm/bindings/bindings.h"
+
+// The macro refuses an interpreter of another version than the one the module was built for.
+PYBIND11_MODULE(_rocm, m) {
+  m.doc() = "kevra ROCm runtime for numpy arrays (HIP + hipRTC)";
+  kevra::bindings::bind_queries(m);
+  kevra::bindings::bind_features(m);
+}

@@ -1,0 +1,31 @@
+// The device context: is there a GPU, which one is current, and how a failed HIP call becomes an
+// exception. The calls of cuda_like/device.h are defined here and in the other files of this
+// floor.
+#pragma once
+
+#include <mutex>
+#include <string>
+
+namespace kevra {
+
+// Guards the availability answer, the current device and the kernel memos. Taken first: a pool's
+// mutex or hipRTC's may follow, never the other way round.
+extern std::recursive_mutex runtime_mutex;
+
+// Whether a HIP runtime loads, starts and reports a device. Answered once a process; never throws.
+bool available();
+// The remembered answer: -1 not asked yet, else 0 or 1.
+int availability();
+
+// Throws std::runtime_error "file:line: expr [context] failed: words" unless err is 0.
+void check_hip(int err, const char* file, int line, const char* expr, const char* context);
+
+int device_count();
+// Properties of a device; the empty string when the runtime does not tell. The architecture is
+// cut before the first ":", so that feature suffixes go.
+std::string device_name(int dev);
+std::string device_arch(int dev);
+
+void set_deterministic(bool on);
+
+}  // namespace kevra

@@ -1,0 +1,114 @@
+#include "rocm/device_pool.h"
+
+#include <mutex>
+#include <new>
+#include <unordered_map>
+#include <utility>
+
+#include "cuda_like/device.h"
+#include "rocm/hip_dl.h"
+
+namespace kevra {
+namespace {
+
+struct DeviceBlock {
+  size_t size;
+  int device;
+};
+
+struct DevicePool {
+  std::mutex mutex;
+  std::unordered_map<devptr_t, DeviceBlock> registry;  // in use and cached
+  std::map<std::pair<int, stream_t>, BlockList> lists;
+};
+
+// Never destroyed: the HIP runtime may be gone when static objects die.
+DevicePool& pool() {
+  static auto* instance = new DevicePool;
+  return *instance;
+}
+
+// With the pool's mutex held; must not throw.
+int current_device() {
+  int device = -1;
+  return hip_dl::api().GetDevice(&device) == 0 ? device : -1;
+}
+
+void drain_locked(DevicePool& p) {
+  for (auto& [key, list] : p.lists) {
+    list.drain([&p](devptr_t block) {
+      hip_dl::api().Free(block);
+      p.registry.erase(block);
+    });
+  }
+}
+
+}  // namespace
+
+devptr_t device_alloc(size_t bytes, stream_t stream) {
+  const size_t size = block_size(bytes);
+  DevicePool& p = pool();
+  int device = 0;
+  {
+    std::lock_guard lock(p.mutex);
+    device = current_device();
+    if (devptr_t block = p.lists[{device, stream}].take(size)) return block;
+  }
+
+  devptr_t block = nullptr;
+  int r = hip_dl::api().Malloc(&block, size);
+  if (r == hip_dl::kErrorOutOfMemory) {
+    std::lock_guard lock(p.mutex);
+    drain_locked(p);
+    r = hip_dl::api().Malloc(&block, size);
+  }
+  KEVRA_CHECK_IN(r, "memAlloc");
+
+  std::lock_guard lock(p.mutex);
+  try {
+    p.registry.emplace(block, DeviceBlock{size, device});
+  } catch (const std::bad_alloc&) {
+    hip_dl::api().Free(block);
+    throw;
+  }
+  return block;
+}
+
+void device_free(devptr_t block, stream_t stream) noexcept {
+  if (block == nullptr) return;
+  DevicePool& p = pool();
+  std::lock_guard lock(p.mutex);
+  const auto it = p.registry.find(block);
+  if (it == p.registry.end()) {
+    hip_dl::api().Free(block);
+    return;
+  }
+  try {
+    p.lists[{it->second.device, stream}].put(it->second.size, block);
+  } catch (const std::bad_alloc&) {
+    p.registry.erase(it);
+    hip_dl::api().Free(block);
+  }
+}
+
+void device_drain() {
+  DevicePool& p = pool();
+  std::lock_guard lock(p.mutex);
+  drain_locked(p);
+}
+
+PoolFigures device_pool_figures() {
+  DevicePool& p = pool();
+  std::lock_guard lock(p.mutex);
+  PoolFigures figures;
+  for (const auto& [block, entry] : p.registry) figures.in_use_bytes += entry.size;
+  for (const auto& [key, list] : p.lists) {
+    figures.cached_blocks += list.blocks();
+    figures.cached_bytes += list.bytes();
+  }
+  figures.in_use_blocks = p.registry.size() - figures.cached_blocks;
+  figures.in_use_bytes -= figures.cached_bytes;
+  return figures;
+}
+
+}  // namespace kevra
