@@ -1,0 +1,74 @@
+"""``python -m kevra``: what this installation can see and use."""
+
+import argparse
+import ctypes
+import platform
+import sys
+from pathlib import Path
+
+import numpy
+
+import kevra
+from kevra import _diagnostics
+
+MAX_SHARED_MEMORY_PER_BLOCK = 74  # hipDeviceGetAttribute's number for it
+
+NO_DEVICE = """\
+No device: kevra finds no AMD GPU that it can use.
+  With an AMD GPU: install ROCm, or set KEVRA_HIP_PATH to the file libamdhip64.so of the ROCm that you have.
+  Without one: call kevra.use_cpu_device() first thing in your program; the kernels then run on the processor.
+  `python -m kevra --use-cpu-device` shows this report for the CPU device."""
+
+
+def main(arguments=None) -> int:
+    parser = argparse.ArgumentParser(prog="python -m kevra", description="What this installation can see and use.")
+    choice = parser.add_mutually_exclusive_group()
+    choice.add_argument("--cpu-device", action="store_true", help="print the path of the CPU device's library only")
+    choice.add_argument("--use-cpu-device", action="store_true", help="report on the CPU device")
+    options = parser.parse_args(arguments)
+    if options.cpu_device:
+        print(kevra.cpu_device_path())
+        return 0
+    if options.use_cpu_device:
+        kevra.use_cpu_device()
+    print("\n".join(report()))
+    return 0
+
+
+def report() -> list[str]:
+    found = kevra.available()
+    # The compiler is looked for in the folder of the bound library, so that one must be bound by now.
+    compiler = kevra.hiprtc_version()
+    state = _diagnostics.read()
+    lines = [
+        f"kevra {kevra.__version__} (interface {kevra.abi_version()}), "
+        f"Python {platform.python_version()}, numpy {numpy.__version__}",
+        "",
+        entry("HIP runtime", state["library"] or "none"),
+        *(entry("", f"{step['candidate']}: {step['outcome']}") for step in state["search"]),
+        entry("hipRTC", f"{compiler[0]}.{compiler[1]}, {state['hiprtc']}" if state["hiprtc"] else "none"),
+    ]
+    devices = range(kevra.device_count() if found else 0)
+    lines += [entry(f"device {number}", describe_device(number, state["library"])) for number in devices]
+    lines.append(entry("kernel cache", describe_cache(Path(state["cache"]))))
+    return lines if found else lines + ["", NO_DEVICE]
+
+
+def entry(name: str, value: str) -> str:
+    return f"{name:<14}{value}"
+
+
+def describe_device(number: int, library: str) -> str:
+    text = f"{kevra.device_name(number)}, {kevra.device_arch(number)}"
+    shared = ctypes.c_int(0)
+    failed = ctypes.CDLL(library).hipDeviceGetAttribute(ctypes.byref(shared), MAX_SHARED_MEMORY_PER_BLOCK, number)
+    return text if failed else f"{text}, {shared.value // 1024} KiB of shared memory per block"
+
+
+def describe_cache(folder: Path) -> str:
+    sizes = [file.stat().st_size for file in folder.glob("*.hsaco")]
+    return f"{folder}, {len(sizes)} code object{'' if len(sizes) == 1 else 's'}, {sum(sizes) / 1e6:.1f} MB"
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,113 @@
+# The test runs of ./test: each run writes a report, and finish_runs adds the reports up.
+# shellcheck shell=bash disable=SC2154 # cpp, py, expression and pytest_arguments are ./test's options
+
+start_runs() {
+  processors=$(nproc)
+  reports=$(mktemp -d "${TMPDIR:-/tmp}/kevra-test.XXXXXX")
+  trap 'rm -rf "$reports"' EXIT
+  broken=()
+}
+
+run_label() {
+  local label=plain
+  [ -z "$1" ] || label="order $1"
+  [ -z "$2" ] || label="$label, checked"
+  say "$label"
+}
+
+# ctest_filter EXPRESSION: ctest's arguments for a pytest expression of the form "a or b and not c", letters in
+# either case as with pytest; fails for any other form.
+ctest_filter() {
+  local wanted unwanted
+  wanted=$(sed -E 's/(^| and )not .*//; s/ or /|/g' <<<"$1")
+  unwanted=$(sed -E 's/^not /and not /; s/^.*and not //; t; d' <<<"$1")
+  [[ "$wanted$unwanted" =~ ^[A-Za-z0-9_.:|/-]*$ ]] || return 1
+  [ -z "$wanted" ] || printf -- '-R\n%s\n' "$(either_case "$wanted")"
+  [ -z "$unwanted" ] || printf -- '-E\n%s\n' "$(either_case "$unwanted")"
+}
+
+either_case() { sed -E 's/\./\\./g; s/[A-Za-z]/[\U&\E\L&]/g' <<<"$1"; }
+
+# run_cpp LABEL: the C++ tests of build_dir.
+run_cpp() {
+  local filter=() lines
+  if [ -n "$expression" ]; then
+    if ! lines=$(ctest_filter "$expression"); then
+      say "The C++ tests are left out: -k '$expression' is more than words with or, and not."
+      return 0
+    fi
+    mapfile -t filter <<<"$lines"
+  fi
+  say "" "== C++ tests ($1)"
+  "$(first_running ctest)" --test-dir "$build_dir" -j "$processors" --output-on-failure --no-tests=ignore \
+    --timeout 600 --output-junit "$reports/cpp-$1.xml" "${filter[@]}" || broken+=("C++ tests ($1)")
+}
+
+# run_pytest LABEL: the Python tests with the package of the virtual environment. Exit status 5 says that no test
+# was selected, which a filter may well do.
+run_pytest() {
+  local status=0 filter=()
+  [ -z "$expression" ] || filter=(-k "$expression")
+  say "" "== Python tests ($1)"
+  (cd "$root" && "$python" -m pytest -n "$processors" --junitxml "$reports/python-$1.xml" "${filter[@]}" \
+    "${pytest_arguments[@]}") || status=$?
+  [ $status = 0 ] || [ $status = 5 ] || broken+=("Python tests ($1)")
+}
+
+# Every run compiles its kernels anew: a kept cache could hide a compile that fails by now.
+fresh_cache() {
+  export KEVRA_CACHE_DIR=$reports/cache
+  rm -rf "$KEVRA_CACHE_DIR"
+}
+
+# device_switches ORDER CHECK: the CPU device's switches for the run that follows.
+device_switches() {
+  unset KEVRA_CPU_ORDER KEVRA_CPU_CHECK
+  [ -z "$1" ] || export KEVRA_CPU_ORDER=$1
+  [ -z "$2" ] || export KEVRA_CPU_CHECK=$2
+}
+
+run_release() {
+  local target=all
+  [ -n "$cpp" ] || target=kevra_package
+  if ! build_release "$target"; then
+    broken+=("build")
+    return 0
+  fi
+  device_switches "$2" "$3"
+  fresh_cache
+  [ -z "$cpp" ] || run_cpp "$1"
+  [ -z "$py" ] || run_pytest "$1"
+}
+
+run_sanitized() {
+  if ! build_tree sanitize all -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEVRA_SANITIZE=ON -DKEVRA_TESTS=ON; then
+    broken+=("sanitized build")
+    return 0
+  fi
+  device_switches "$1" "$2"
+  fresh_cache
+  run_cpp sanitized
+}
+
+# The package as a user gets it: a wheel, in an environment that has nothing else, away from the source.
+run_wheel() {
+  local place=$reports/wheel
+  unset KEVRA_HIP_PATH KEVRA_HIPRTC_PATH PYTHONPATH
+  device_switches '' ''
+  fresh_cache
+  say "" "== Wheel"
+  mkdir -p "$place"
+  run_logged wheel-build "Building the wheel" "$python" -m pip wheel --no-deps -w "$place" "$root" &&
+    run_logged wheel-venv "Creating an empty environment" "$python" -m venv "$place/venv" &&
+    run_logged wheel-install "Installing the wheel" "$place/venv/bin/python" -m pip install "$place"/kevra-*.whl &&
+    (cd "$place" && "$place/venv/bin/python" "$root/tests/wheel_smoke.py") || broken+=("wheel")
+}
+
+# The last line tells the sum of all runs; the exit status is 0 only when everything ran and passed.
+finish_runs() {
+  local status=0
+  say ""
+  "$python" "$root/setup/tally.py" "$reports" "${broken[@]}" || status=1
+  exit $status
+}
