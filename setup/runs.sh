@@ -15,13 +15,19 @@ run_label() {
   say "$label"
 }
 
-# ctest_filter EXPRESSION: ctest's arguments for a pytest expression of the form "a or b and not c", letters in
-# either case as with pytest; fails for any other form.
+# ctest_filter EXPRESSION: ctest's arguments for a pytest expression of the form "a or b", "a and not b" or "not a",
+# letters in either case as with pytest; fails for any other form.
 ctest_filter() {
-  local wanted unwanted
-  wanted=$(sed -E 's/(^| and )not .*//; s/ or /|/g' <<<"$1")
-  unwanted=$(sed -E 's/^not /and not /; s/^.*and not //; t; d' <<<"$1")
+  local wanted=${1%% and not *} unwanted
+  [[ "$1" != "not "* ]] || wanted=''
+  unwanted=${1#"$wanted"}
+  unwanted=${unwanted# and }
+  unwanted=${unwanted#not }
+  wanted=${wanted// or /|}
+  unwanted=${unwanted// and not /|}
   [[ "$wanted$unwanted" =~ ^[A-Za-z0-9_.:|/-]*$ ]] || return 1
+  # pytest binds "and" closer than "or", which a pair of patterns cannot express.
+  [[ -z "$unwanted" || "$wanted" != *"|"* ]] || return 1
   [ -z "$wanted" ] || printf -- '-R\n%s\n' "$(either_case "$wanted")"
   [ -z "$unwanted" ] || printf -- '-E\n%s\n' "$(either_case "$unwanted")"
 }

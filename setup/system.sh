@@ -21,7 +21,7 @@ has_cmake() {
 has_clang() {
   local version
   for version in $clang_versions; do
-    if command -v "clang-$version" >/dev/null && command -v "ld.lld-$version" >/dev/null; then
+    if command -v "clang++-$version" >/dev/null && command -v "ld.lld-$version" >/dev/null; then
       return 0
     fi
   done
@@ -81,8 +81,9 @@ install_packages() {
 setup_system() {
   local missing
   missing=$(missing_packages)
+  [ -n "$missing" ] || return 0
   # shellcheck disable=SC2086 # one argument a package
-  [ -z "$missing" ] || with_lock system install_packages $missing || exit 1
+  with_lock system install_packages $missing || exit 1
   hash -r
   missing=$(missing_packages)
   [ -z "$missing" ] || fail "Still missing after the installation: $missing (g++ from 11, cmake from 3.22 and clang from 16 are needed). This release of the system is too old or its mirror incomplete; a Debian 12 or an Ubuntu 24.04 has them all."

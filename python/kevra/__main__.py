@@ -45,7 +45,7 @@ def report() -> list[str]:
         f"Python {platform.python_version()}, numpy {numpy.__version__}",
         "",
         entry("HIP runtime", state["library"] or "none"),
-        *(entry("", f"{step['candidate']}: {step['outcome']}") for step in state["search"]),
+        *(entry("", describe_step(step)) for step in state["search"]),
         entry("hipRTC", f"{compiler[0]}.{compiler[1]}, {state['hiprtc']}" if state["hiprtc"] else "none"),
     ]
     devices = range(kevra.device_count() if found else 0)
@@ -56,6 +56,12 @@ def report() -> list[str]:
 
 def entry(name: str, value: str) -> str:
     return f"{name:<14}{value}"
+
+
+def describe_step(step: dict) -> str:
+    """A candidate and its outcome; the loader's own message repeats the file's name, which is left out."""
+    file = step["candidate"].rsplit(" (", 1)[0]
+    return f"{step['candidate']}: {step['outcome'].removeprefix(file + ': ')}"
 
 
 def describe_device(number: int, library: str) -> str:

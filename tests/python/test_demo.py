@@ -6,7 +6,7 @@ from pathlib import Path
 import numpy as np
 import pytest
 
-DEMO = Path(__file__).parents[2] / "python" / "demo.py"
+DEMO = Path(__file__).parents[2] / "python" / "demo" / "rms.py"
 
 
 @pytest.fixture
