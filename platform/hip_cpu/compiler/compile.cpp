@@ -1,0 +1,114 @@
+#include "compiler/compile.h"
+
+#include <dlfcn.h>
+#include <link.h>
+
+#include <stdexcept>
+
+#include "common/settings.h"
+#include "compiler/rewrite.h"
+#include "compiler/temporary_folder.h"
+#include "kernel/device_text.h"
+#include "kernel/image.h"
+#include "kernel/toolchain.h"
+
+namespace kevra_cpu {
+
+namespace {
+
+using Command = std::vector<std::string>;
+
+// Contraction and errno-free math are what kernels get on a GPU; all else is plain C++.
+const Command compile_options = {
+    "-x",
+    "c++",
+    "-std=c++20",
+    "-march=native",
+    "-fPIC",
+    "-fvisibility=hidden",
+    "-fno-rtti",
+    "-fno-exceptions",
+    "-nostdinc++",
+    "-fno-math-errno",
+    "-c",
+    "-ffp-contract=fast",
+    "-fno-plt",
+    "-fno-asynchronous-unwind-tables",
+    // What -march=native finds on a virtual machine need not fit together; that is no fault of
+    // the kernel's.
+    "-Wno-unknown-warning-option",
+    "-Wno-invalid-feature-combination",
+};
+const Command fast_options = {"-O3"};
+// Without `func` the compiler emits no callbacks at loads and stores. Vector code would merge
+// the accesses of several threads and elements into one.
+const Command check_options = {"-O1", "-fno-vectorize", "-fno-slp-vectorize", "-DKEVRA_CPU_CHECK",
+                               "-fsanitize-coverage=func,trace-loads,trace-stores"};
+
+void append(Command& command, const Command& more) {
+  command.insert(command.end(), more.begin(), more.end());
+}
+
+// The name in a form that a #line can hold.
+std::string quoted(const std::string& name) {
+  std::string text;
+  for (const char c : name)
+    if (c != '\n') (c == '"' || c == '\\' ? text += '\\' : text) += c;
+  return text;
+}
+
+std::string unit_text(const KernelSource& source) {
+  std::string text(device_text);
+  text += "#line 1 \"" + quoted(source.name) + "\"\n";
+  return text + rewrite_kernels(source.text);
+}
+
+// The math library that this process runs with: its path needs no development files.
+std::string math_library() {
+  void* handle = dlopen("libm.so.6", RTLD_LAZY);
+  link_map* map = nullptr;
+  if (handle == nullptr || dlinfo(handle, RTLD_DI_LINKMAP, &map) != 0) return "-lm";
+  return map->l_name;
+}
+
+// Calling the linker itself saves the compiler driver's start, a third of a small compile. GNU
+// ld takes 3 ms for a kernel, lld 15 ms; the driver finds one where neither is in the path.
+Command link_command(const std::string& object, const std::string& library) {
+  static const std::string math = math_library();
+  static const std::string linker = [] {
+    for (const char* name : {"ld", "ld.lld", "ld.lld-19", "ld.lld-18", "ld.lld-17", "ld.lld-16"})
+      if (std::string path = find_program(name); !path.empty()) return path;
+    return std::string();
+  }();
+  if (linker.empty()) return {clang_path(), "-shared", "-nostdlib", "-o", library, object, math};
+  return {linker, "-shared", "--build-id=none", "-z", "now", "-o", library, object, math};
+}
+
+}  // namespace
+
+Compiled compile_kernels(const KernelSource& source, const std::vector<std::string>& includes) {
+  if (clang_path().empty())
+    return {{},
+            "The CPU device compiles kernels with clang++ 16 or newer, and none was found: "
+            "install one (apt-get install clang-19) or name one in KEVRA_CPU_CLANG.\n"};
+  const TemporaryFolder folder;
+  const std::string text = folder.file("kernel.cpp"), object = folder.file("kernel.o"),
+                    library = folder.file("kernel.so");
+  write_file(text, unit_text(source));
+
+  Command compile = {clang_path()};
+  append(compile, compile_options);
+  append(compile, settings().check ? check_options : fast_options);
+  append(compile, includes);
+  append(compile, {"-o", object, text});
+  const ProgramResult compiled = run_program(compile);
+  if (compiled.status != 0) return {{}, compiled.output};
+
+  const ProgramResult linked = run_program(link_command(object, library));
+  std::vector<std::byte> image = make_image(read_file(library));
+  if (linked.status != 0 || image.empty())
+    return {{}, compiled.output + "The kernel compiled but could not be linked:\n" + linked.output};
+  return {std::move(image), compiled.output};
+}
+
+}  // namespace kevra_cpu

@@ -1,0 +1,105 @@
+// Qualifiers and indices of the kernel language, and the entry that offers a kernel to the
+// block runner. `kevra_thread` is the first parameter of every kernel.
+#pragma once
+
+#include "compiler/device/coroutine.h"
+
+#define __global__
+#define __device__
+#define __host__
+#define __constant__ static
+#define __forceinline__ inline __attribute__((always_inline))
+#define __launch_bounds__(...)
+#define __align__(bytes) __attribute__((aligned(bytes)))
+
+#define threadIdx (kevra_thread.thread_index)
+#define blockIdx (kevra_thread.block_index)
+#define blockDim (kevra_thread.block_size)
+#define gridDim (kevra_thread.grid_size)
+#define warpSize 32
+
+namespace kevra_cpu_device {
+
+template <typename Number, Number...>
+struct Sequence {};
+
+template <typename... Types>
+struct ArgumentLayout {
+  Argument of[sizeof...(Types) + 1] = {};
+
+  constexpr ArgumentLayout() {
+    unsigned end = 0, i = 0;
+    ((of[i].offset = (end + alignof(Types) - 1) / alignof(Types) * alignof(Types),
+      of[i].bytes = sizeof(Types), end = of[i].offset + sizeof(Types), ++i),
+     ...);
+  }
+};
+
+template <auto kernel, typename Kernel = decltype(kernel)>
+struct Starter;
+
+template <auto kernel, typename Result, typename... Types>
+struct Starter<kernel, Result (*)(Thread, Types...)> {
+  static constexpr ArgumentLayout<Types...> layout{};
+  static constexpr unsigned arguments = sizeof...(Types);
+  static constexpr bool suspends = __is_same(Result, Task);
+
+  static void start(Block* block, Index3 first, unsigned count) {
+    start(block, first, count, __make_integer_seq<Sequence, unsigned, sizeof...(Types)>{});
+  }
+
+  template <unsigned... I>
+  static inline void start(Block* block, Index3 first, unsigned count, Sequence<unsigned, I...>) {
+    run(block, first, count,
+        *reinterpret_cast<const Types*>(block->arguments + layout.of[I].offset)...);
+  }
+
+  static inline __attribute__((always_inline)) void run(Block* block, Index3 first, unsigned count,
+                                                        Types... arguments) {
+    const unsigned number = (first.z * block->size.y + first.y) * block->size.x + first.x;
+    Thread thread{block, number, first, block->index, block->size, block->grid};
+    for (unsigned i = 0; i < count; ++i) {
+      thread.thread_index.x = first.x + i;
+      thread.number = number + i;
+      if constexpr (suspends) {
+        block->frames[number + i] = kernel(thread, arguments...).frame;
+        block->places[number + i] = block->place;
+      } else {
+        kernel(thread, arguments...);
+      }
+    }
+  }
+};
+
+}  // namespace kevra_cpu_device
+
+// Stands behind every kernel. The linker gathers the entries of one text into one array.
+#define KEVRA_CPU_KERNEL(kernel, bound)                                                       \
+  __attribute__((section("kevra_kernels"),                                                    \
+                 used)) static const ::kevra_cpu_device::KernelEntry kevra_entry_##kernel = { \
+      #kernel,                                                                                \
+      bound,                                                                                  \
+      ::kevra_cpu_device::Starter<&kernel>::suspends,                                         \
+      ::kevra_cpu_device::Starter<&kernel>::arguments,                                        \
+      ::kevra_cpu_device::Starter<&kernel>::layout.of,                                        \
+      &::kevra_cpu_device::Starter<&kernel>::start};
+
+extern "C" {
+extern const kevra_cpu_device::KernelEntry __start_kevra_kernels[]
+    __attribute__((weak, visibility("hidden")));
+extern const kevra_cpu_device::KernelEntry __stop_kevra_kernels[]
+    __attribute__((weak, visibility("hidden")));
+#ifdef KEVRA_CPU_CHECK
+extern kevra_cpu_device::CheckHooks kevra_check_hooks;
+#endif
+__attribute__((
+    visibility("default"))) extern const kevra_cpu_device::KernelTable kevra_kernel_table;
+const kevra_cpu_device::KernelTable kevra_kernel_table = {__start_kevra_kernels,
+                                                          __stop_kevra_kernels,
+#ifdef KEVRA_CPU_CHECK
+                                                          &kevra_check_hooks
+#else
+                                                          nullptr
+#endif
+};
+}

@@ -1,0 +1,14 @@
+// Kernel text made into C++ that the device header completes. Three things change: the head of
+// a kernel gains the thread as its first parameter, `return` in a kernel that waits becomes
+// `co_return`, and a dynamic shared array becomes a pointer to the block's shared memory. Line
+// numbers stay.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace kevra_cpu {
+
+std::string rewrite_kernels(std::string_view text);
+
+}  // namespace kevra_cpu

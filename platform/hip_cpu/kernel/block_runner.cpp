@@ -1,0 +1,172 @@
+#include "kernel/block_runner.h"
+
+#include <algorithm>
+
+#include "kernel/code_object.h"
+#include "kernel/order.h"
+
+namespace kevra_cpu {
+
+using kevra_cpu_device::Block;
+using kevra_cpu_device::ended;
+using kevra_cpu_device::group_threads;
+using kevra_cpu_device::Index3;
+using kevra_cpu_device::max_threads;
+using kevra_cpu_device::place_kind;
+using kevra_cpu_device::place_line;
+using kevra_cpu_device::PlaceKind;
+
+namespace {
+
+constexpr size_t alignment = 128;          // of shared memory and of the first frame
+constexpr size_t chunk_bytes = 256 << 10;  // frames of a 1024-thread block, a few words each
+
+Index3 as_index(Dim3 d) {
+  return {d.x, d.y, d.z};
+}
+
+std::string as_text(Dim3 d) {
+  return "(" + std::to_string(d.x) + "," + std::to_string(d.y) + "," + std::to_string(d.z) + ")";
+}
+
+char* aligned(void* p) {
+  const auto address = reinterpret_cast<uintptr_t>(p);
+  return static_cast<char*>(p) + ((address + alignment - 1) / alignment * alignment - address);
+}
+
+}  // namespace
+
+BlockRunner::BlockRunner()
+    : places_(max_threads), frames_(max_threads), shuffled_(2 * max_threads) {
+  block_.places = places_.data();
+  block_.frames = frames_.data();
+  block_.more_frames = more_frames;
+  block_.shuffled[0] = shuffled_.data();
+  block_.shuffled[1] = shuffled_.data() + max_threads;
+}
+
+BlockRunner& BlockRunner::of_this_thread() {
+  thread_local BlockRunner runner;
+  return runner;
+}
+
+bool BlockRunner::run(const Launch& launch, Dim3 index, std::string& report) {
+  prepare(launch, index);
+  start_threads();
+  return launch.kernel->entry().suspends == 0 || finish_threads(report);
+}
+
+void BlockRunner::prepare(const Launch& launch, Dim3 index) {
+  launch_ = &launch;
+  threads_ = launch.block.x * launch.block.y * launch.block.z;
+  if (shared_.size() < launch.shared_bytes + alignment)
+    shared_.resize(launch.shared_bytes + alignment);
+  block_.index = as_index(index);
+  block_.size = as_index(launch.block);
+  block_.grid = as_index(launch.grid);
+  block_.shared = aligned(shared_.data());
+  block_.arguments = reinterpret_cast<const char*>(launch.arguments.data());
+  block_.frames_next = block_.frames_end = nullptr;
+  block_.shuffle_round = 0;
+  chunks_used_ = 0;
+  const uint64_t block_number =
+      (uint64_t(index.z) * launch.grid.y + index.y) * launch.grid.x + index.x;
+  order_ = run_order(threads_, block_number);
+}
+
+void BlockRunner::start_threads() {
+  for (const uint32_t thread : order_) start_thread(thread);
+  if (!order_.empty()) return;
+  const auto start = launch_->kernel->entry().start;
+  for (unsigned z = 0; z < block_.size.z; ++z)
+    for (unsigned y = 0; y < block_.size.y; ++y) start(&block_, {0, y, z}, block_.size.x);
+}
+
+void BlockRunner::start_thread(unsigned thread) {
+  launch_->kernel->entry().start(&block_, as_index(thread_index(thread)), 1);
+}
+
+bool BlockRunner::finish_threads(std::string& report) {
+  for (;;) {
+    const bool together = all_at_one_place();
+    if (together && places_[0] == ended) return true;
+    if (!together && !groups_agree(report)) return false;
+    ++block_.shuffle_round;
+    resume_where(!together);
+  }
+}
+
+bool BlockRunner::all_at_one_place() const {
+  Place differences = 0;
+  for (unsigned i = 1; i < threads_; ++i) differences |= places_[i] ^ places_[0];
+  return differences == 0;
+}
+
+void BlockRunner::resume(unsigned thread) {
+  // A coroutine's frame begins with the function that goes on with it.
+  void* frame = frames_[thread];
+  (*static_cast<void (**)(void*)>(frame))(frame);
+  places_[thread] = block_.place;
+}
+
+// Threads at different places go on only where their groups wait for a shuffle.
+void BlockRunner::resume_where(bool shuffles_only) {
+  const auto go_on = [&](unsigned thread) {
+    if (!shuffles_only || place_kind(places_[thread]) == PlaceKind::shuffle) resume(thread);
+  };
+  for (const uint32_t thread : order_) go_on(thread);
+  if (order_.empty())
+    for (unsigned thread = 0; thread < threads_; ++thread) go_on(thread);
+}
+
+// Called when not all threads are at one place: right only while groups are busy with shuffles,
+// each group's threads with the same one.
+bool BlockRunner::groups_agree(std::string& report) const {
+  unsigned other_group = 0;
+  bool shuffles = false;
+  for (unsigned first = 0; first < threads_; first += group_threads) {
+    const unsigned end = std::min(first + group_threads, threads_);
+    for (unsigned i = first + 1; i < end; ++i)
+      if (places_[i] != places_[first]) return report = disagreement(first, i), false;
+    shuffles |= place_kind(places_[first]) == PlaceKind::shuffle;
+    if (other_group == 0 && places_[first] != places_[0]) other_group = first;
+  }
+  if (!shuffles) report = disagreement(0, other_group);
+  return shuffles;
+}
+
+Dim3 BlockRunner::thread_index(unsigned thread) const {
+  const Dim3& size = launch_->block;
+  return {thread % size.x, thread / size.x % size.y, thread / size.x / size.y};
+}
+
+std::string BlockRunner::describe(unsigned thread) const {
+  const Place place = places_[thread];
+  std::string text = "thread " + as_text(thread_index(thread));
+  if (place == ended) return text + " has ended";
+  return text + " waits at the " +
+         (place_kind(place) == PlaceKind::shuffle ? "shuffle" : "barrier") + " of line " +
+         std::to_string(place_line(place));
+}
+
+std::string BlockRunner::disagreement(unsigned a, unsigned b) const {
+  const Index3& index = block_.index;
+  return std::string("kernel '") + launch_->kernel->entry().name + "', block " +
+         as_text({index.x, index.y, index.z}) + ": " + describe(a) + " while " + describe(b) +
+         "; all threads of a block must reach the same barriers, and those of a group of 32 the "
+         "same shuffles";
+}
+
+char* BlockRunner::more_frames(Block* block, unsigned long bytes) {
+  BlockRunner& runner = of_this_thread();
+  if (runner.chunks_used_ == runner.chunks_.size() ||
+      runner.chunks_[runner.chunks_used_].bytes < bytes + alignment)
+    runner.chunks_.emplace(runner.chunks_.begin() + std::ptrdiff_t(runner.chunks_used_),
+                           std::max<size_t>(chunk_bytes, bytes + alignment));
+  const Chunk& chunk = runner.chunks_[runner.chunks_used_++];
+  block->frames_next = aligned(chunk.memory.get());
+  block->frames_end = chunk.memory.get() + chunk.bytes;
+  return block->frames_next;
+}
+
+}  // namespace kevra_cpu

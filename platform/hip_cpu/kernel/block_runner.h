@@ -1,0 +1,63 @@
+// Runs one block: starts its threads, takes them from wait to wait, and sees to it that all of
+// them wait at the same places. A runner belongs to one thread of the host and keeps its memory
+// from block to block.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "compiler/device/block.h"
+#include "kernel/launch.h"
+
+namespace kevra_cpu {
+
+class BlockRunner {
+ public:
+  BlockRunner();
+  BlockRunner(const BlockRunner&) = delete;
+  BlockRunner& operator=(const BlockRunner&) = delete;
+
+  // The calling thread's own.
+  static BlockRunner& of_this_thread();
+
+  // False, with `report` saying what went wrong, when the block could not run to its end.
+  bool run(const Launch& launch, Dim3 index, std::string& report);
+
+ private:
+  using Place = kevra_cpu_device::Place;
+
+  // Room for coroutine frames, handed out from its start and all at once given back.
+  struct Chunk {
+    explicit Chunk(size_t bytes) : memory(new char[bytes]), bytes(bytes) {}
+    std::unique_ptr<char[]> memory;
+    size_t bytes;
+  };
+
+  void prepare(const Launch& launch, Dim3 index);
+  void start_threads();
+  void start_thread(unsigned thread);
+  bool finish_threads(std::string& report);
+  void resume(unsigned thread);
+  void resume_where(bool shuffles_only);
+  bool all_at_one_place() const;
+  bool groups_agree(std::string& report) const;
+  std::string describe(unsigned thread) const;
+  std::string disagreement(unsigned a, unsigned b) const;
+  Dim3 thread_index(unsigned thread) const;
+  static char* more_frames(kevra_cpu_device::Block* block, unsigned long bytes);
+
+  kevra_cpu_device::Block block_{};
+  const Launch* launch_ = nullptr;
+  unsigned threads_ = 0;
+  std::vector<uint32_t> order_;  // of the threads; empty: as they are numbered
+
+  std::vector<std::byte> shared_;
+  std::vector<Chunk> chunks_;
+  size_t chunks_used_ = 0;
+  std::vector<Place> places_;
+  std::vector<void*> frames_;
+  std::vector<unsigned long long> shuffled_;
+};
+
+}  // namespace kevra_cpu
