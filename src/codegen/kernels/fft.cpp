@@ -1,0 +1,200 @@
+#include "codegen/kernels/fft.h"
+
+#include "codegen/format.h"
+#include "codegen/kernel_signature.h"
+#include "codegen/kernel_writer.h"
+#include "codegen/precision.h"
+#include "codegen/prelude.h"
+#include "codegen/sizes.h"
+#include "codegen/stages.h"
+#include "codegen/thread_map.h"
+
+namespace kevra::codegen {
+namespace {
+
+// Two neighbouring floats-complex as one 16-byte access. A padded row can part neighbours.
+bool moves_pairs(const ComplexFftKernel& k) {
+  return k.compute == kFloat && k.storage == kFloat && k.n % 2 == 0 && !k.padded;
+}
+// Four neighbouring halves-complex as one 16-byte access.
+bool moves_quads(const ComplexFftKernel& k) {
+  return k.storage == kHalf && k.n % 4 == 0;
+}
+
+// A loop of the row's threads over `count` accesses.
+template <class Body>
+void each_access(KernelWriter& w, int count, Body body) {
+  w.for_loop("i", "tid", std::to_string(count), "TPF", body);
+}
+
+// Copies 16 bytes an access past the registers where the target can, else as `plain` writes it.
+template <class Plain>
+void load_async(KernelWriter& w, int count, const char* destination, const char* source,
+                Plain plain) {
+  w.line("#if __CUDA_ARCH__ >= 800");
+  each_access(w, count, [&](const std::string& i) {
+    w.stmt("{ unsigned sa = (unsigned)__cvta_generic_to_shared(&bufA[SHP($)]);",
+           format(destination, {i}));
+    w.stmt(
+        "  asm volatile(\"cp.async.cg.shared.global [%0], [%1], 16;\" :: \"r\"(sa), \"l\"($)); }",
+        format(source, {i}));
+  });
+  w.stmt("asm volatile(\"cp.async.commit_group;\");");
+  w.stmt("asm volatile(\"cp.async.wait_group 0;\");");
+  w.line("#else");
+  plain();
+  w.line("#endif");
+}
+
+void load_pairs(KernelWriter& w, const ComplexFftKernel& k) {
+  const char* sign = k.inverse ? "-" : "";
+  const auto plain = [&] {
+    each_access(w, k.n / 2, [&](const std::string& i) {
+      w.stmt("float4 t = ((const float4*)xb)[$];", i);
+      w.stmt("bufA[SHP(2 * $)] = cmk(t.x, $t.y);", i, sign);
+      w.stmt("bufA[SHP(2 * $ + 1)] = cmk(t.z, $t.w);", i, sign);
+    });
+  };
+  if (k.inverse) {
+    plain();
+  } else {
+    load_async(w, k.n / 2, "2 * $", "((const float4*)xb) + $", plain);
+  }
+}
+
+void load_quads(KernelWriter& w, const ComplexFftKernel& k) {
+  const std::string cast = "(" + w.backend.scalar_type(k.compute) + ")";
+  each_access(w, k.n / 4, [&](const std::string& i) {
+    w.stmt("float4 t = ((const float4*)xb)[$];", i);
+    w.stmt("const iot* hp = (const iot*)&t;");
+    for (int e = 0; e < 4; ++e) {
+      w.stmt("bufA[SHP(4 * $ + $)] = cmk($hp[$].x, $$hp[$].y);", i, e, cast, e,
+             k.inverse ? "-" : "", cast, e);
+    }
+  });
+}
+
+void load_singles(KernelWriter& w, const ComplexFftKernel& k) {
+  const std::string cast = "(" + w.backend.scalar_type(k.compute) + ")";
+  each_access(w, k.n, [&](const std::string& i) {
+    w.stmt("iot v = xb[$]; bufA[SHP($)] = cmk($v.x, $$v.y);", i, i, cast, k.inverse ? "-" : "",
+           cast);
+  });
+}
+
+// The inverse conjugates here and at the store, so that one set of stages serves both directions.
+void load_row(KernelWriter& w, const ComplexFftKernel& k) {
+  if (moves_pairs(k)) {
+    load_pairs(w, k);
+  } else if (moves_quads(k)) {
+    load_quads(w, k);
+  } else if (k.storage == kDouble && !k.inverse) {
+    load_async(w, k.n, "$", "xb + $", [&] {
+      each_access(w, k.n, [&](const std::string& i) { w.stmt("bufA[SHP($)] = xb[$];", i, i); });
+    });
+  } else {
+    load_singles(w, k);
+  }
+  w.barrier();
+}
+
+// The stored parts of result `r`.
+std::string stored_real(const ComplexFftKernel& k, const std::string& r) {
+  return k.inverse ? r + ".x * INVSC" : r + ".x";
+}
+std::string stored_imaginary(const ComplexFftKernel& k, const std::string& r) {
+  return k.inverse ? "-(" + r + ".y * INVSC)" : r + ".y";
+}
+
+void store_pairs(KernelWriter& w, const ComplexFftKernel& k) {
+  const char* scale = k.inverse ? " * INVSC" : "";
+  const char* sign = k.inverse ? "-" : "";
+  each_access(w, k.n / 2, [&](const std::string& i) {
+    w.stmt("cplx a = bufA[SHP(2 * $)]; cplx c = bufA[SHP(2 * $ + 1)];", i, i);
+    w.stmt("((float4*)(out + batch * $))[$] = make_float4(a.x$, $(a.y$), c.x$, $(c.y$));", k.n, i,
+           scale, sign, scale, scale, sign, scale);
+  });
+}
+
+void store_quads(KernelWriter& w, const ComplexFftKernel& k) {
+  each_access(w, k.n / 4, [&](const std::string& i) {
+    w.stmt("float4 t; iot* hp = (iot*)&t;");
+    for (int e = 0; e < 4; ++e) {
+      const std::string r = "r" + std::to_string(e);
+      w.stmt("cplx $ = bufA[SHP(4 * $ + $)];", r, i, e);
+      w.stmt("hp[$] = $;", e,
+             w.backend.make_vector2(k.storage, stored_real(k, r), stored_imaginary(k, r)));
+    }
+    w.stmt("((float4*)(out + batch * $))[$] = t;", k.n, i);
+  });
+}
+
+void store_row(KernelWriter& w, const ComplexFftKernel& k) {
+  if (moves_pairs(k)) {
+    store_pairs(w, k);
+  } else if (moves_quads(k)) {
+    store_quads(w, k);
+  } else {
+    each_access(w, k.n, [&](const std::string& i) {
+      w.stmt("cplx r = bufA[SHP($)]; out[batch * $ + $] = $;", i, k.n, i,
+             w.backend.make_vector2(k.storage, stored_real(k, "r"), stored_imaginary(k, "r")));
+    });
+  }
+}
+
+std::string head(const ComplexFftKernel& k, const Backend& backend) {
+  std::string text = backend.source_preamble(k.storage == kHalf ? kHalf : k.compute);
+  text += complex_prelude(backend, k.compute);
+  text += storage_typedef(backend, k.compute, k.storage);
+  text += format("#define TPF $\n", {std::to_string(k.tpf)});
+  if (k.inverse) {
+    text += format("#define INVSC (($)(1.0 / $))\n",
+                   {backend.scalar_type(k.compute), std::to_string(k.n)});
+  }
+  text += shp_define(k.padded);
+  return text + KernelSignature(ComplexFftKernel::kName, backend)
+                    .add_const_pointer("iot", "x")
+                    .add_pointer("iot", "out")
+                    .add_const_pointer("cplx", "tw")
+                    .add_scalar("int", "nrows")
+                    .set_launch_bounds(k.block(), 0)
+                    .set_shared("cplx", "shbuf")
+                    .head();
+}
+
+}  // namespace
+
+std::string ComplexFftKernel::key() const {
+  return format("cfft_$_$_$_$_$x$_$$",
+                {std::to_string(n), std::to_string(compute), std::to_string(storage),
+                 inverse ? "i" : "f", std::to_string(tpf), std::to_string(rows_per_block),
+                 padded ? "p" : "n", radix25 ? "r" : ""});
+}
+
+std::vector<int> ComplexFftKernel::radices() const {
+  return factorize(n, nullptr, radix25);
+}
+
+int ComplexFftKernel::pitch() const {
+  return rader_extra(n) + (padded ? n + n / 16 + 1 : n);
+}
+
+size_t ComplexFftKernel::shared_bytes() const {
+  return static_cast<size_t>(rows_per_block) * pitch() * complex_bytes(compute);
+}
+
+std::string complex_fft_source(const ComplexFftKernel& kernel, const Backend& backend) {
+  const std::vector<int> radices = kernel.radices();
+  KernelWriter w(kernel.compute, backend);
+  register_twiddle_table(w, kernel.compute, kernel.n, "tw", radices);
+
+  map_rows_in_block(w, kernel.rows_per_block, kernel.pitch());
+  w.stmt("const iot* xb = x + brow * $;", kernel.n);
+  load_row(w, kernel);
+  emit_fft_stages(w, "bufA", kernel.n, radices, kernel.tpf, false);
+  w.stmt("if (batch >= nrows) return;");
+  store_row(w, kernel);
+  return head(kernel, backend) + w.str() + "}\n";
+}
+
+}  // namespace kevra::codegen
