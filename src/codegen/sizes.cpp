@@ -91,6 +91,24 @@ int rader_extra(int n) {
   return p == 0 ? 0 : n + n / p;
 }
 
+std::vector<int> find_uniform_schedule(int n, int lo, int hi) {
+  constexpr int kLargestLater = 16;
+  for (int first = std::min(n, hi); first >= std::max(lo, 2); --first) {
+    if (n % first != 0) continue;
+    std::vector<int> radices{first};
+    int left = n / first;
+    while (left > 1) {
+      int r = std::min(first, kLargestLater);
+      while (r >= 2 && (first % r != 0 || left % r != 0)) --r;
+      if (r < 2) break;
+      radices.push_back(r);
+      left /= r;
+    }
+    if (left == 1) return radices;
+  }
+  return {};
+}
+
 size_t fft_shared_bytes(int n, int prec) {
   return (static_cast<size_t>(rader_extra(n)) + n) * complex_bytes(prec);
 }
@@ -112,7 +130,7 @@ std::pair<int, int> four_step_split(int n, int prec, int64_t cap) {
 }
 
 bool needs_bluestein(int n) {
-  // Measured against the cost of direct stages: a prime this far above log2 of the size loses.
+  // Direct stages of a prime p cost p per element; the detour costs a multiple of log2 of the size.
   constexpr double kPrimePerLog = 6.0;
   if (n <= 1 || is_power_of_two(n)) return false;
   return largest_prime_factor(n) > kPrimePerLog * std::log2(2.0 * n);

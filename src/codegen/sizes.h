@@ -35,6 +35,10 @@ int rader_prime(int n);
 // Elements of scratch that the prime stage of size n needs behind its data.
 int rader_extra(int n);
 
+// A schedule whose later radices all divide the first, as the register kernels' exchange needs;
+// the first is the largest in [lo, hi] that works. Empty when none does.
+std::vector<int> find_uniform_schedule(int n, int lo, int hi);
+
 // Bytes of shared memory of one unpadded row, the prime stage's scratch included.
 size_t fft_shared_bytes(int n, int prec);
 bool fits_shared(int n, int prec, int64_t cap);

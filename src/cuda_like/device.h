@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <utility>
 
@@ -70,9 +71,16 @@ int graphLaunch(graph_exec_t graph, stream_t stream);
 
 // --- Devices and kernels ------------------------------------------------------------------
 
+// Guards the availability answer, the current device, kernel memos, device tables and hints. Taken
+// first: a pool's mutex or hipRTC's may follow, never the other way round.
+extern std::recursive_mutex runtime_mutex;
+
 // The first call of every operation: makes `dev` current and returns it. Throws
 // std::runtime_error "no HIP device available" where there is none.
 int select_device(int dev);
+
+// The calling thread's device; -1 when the platform does not tell.
+int current_device();
 
 // Bytes of shared memory that a block may have.
 int device_shared_limit(int dev);
@@ -112,6 +120,9 @@ struct DeviceBuffer {
   DeviceBuffer& operator=(const DeviceBuffer&) = delete;
   DeviceBuffer& operator=(DeviceBuffer&&) = delete;
   ~DeviceBuffer() { device_free(p, stream); }
+
+  // The caller takes over the block and owes it to device_free, or keeps it for good.
+  devptr_t release() noexcept { return std::exchange(p, nullptr); }
 
   devptr_t p;
   stream_t stream;

@@ -6,6 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "cuda_like/hash.h"
 #include "rocm/code_cache.h"
 #include "rocm/context.h"
 #include "rocm/environment.h"
@@ -30,18 +31,6 @@ Memo& module_memo() {
 
 // A macro, because the failure text holds the call's source text and line.
 #define KEVRA_RTC(call) check_rtc((call), __LINE__, #call)
-
-// FNV-1a with a start value of our own.
-uint64_t source_hash(const std::string& source, const std::string& kernel_name) {
-  uint64_t h = 0x14650fb0739d0383;
-  const auto add = [&h](const std::string& text) {
-    for (unsigned char b : text) h = (h ^ b) * 0x100000001b3;
-  };
-  add(source);
-  add("\n");
-  add(kernel_name);
-  return h;
-}
 
 class Program {
  public:
@@ -149,7 +138,7 @@ kernel_t compile_function(int dev, const std::string& source, const std::string&
   if (const auto it = module_memo().find(memo_key); it != module_memo().end()) return it->second;
 
   const std::string arch = arch_name(dev);
-  const std::string path = kernel_cache_path(source_hash(source, kernel_name), arch);
+  const std::string path = kernel_cache_path(content_hash(source + "\n" + kernel_name), arch);
   std::optional<kernel_t> fn = load_cached(path, kernel_name);
   if (!fn) {
     const std::vector<char> code = compile_source(source, kernel_name);

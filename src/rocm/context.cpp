@@ -84,6 +84,11 @@ int select_device(int dev_id) {
   return dev_id;
 }
 
+int current_device() {
+  int device = -1;
+  return hip_dl::api().GetDevice(&device) == 0 ? device : -1;
+}
+
 int device_shared_limit(int dev) {
   constexpr int kLimitWhenUntold = 49152;
   int bytes = 0;

@@ -3,14 +3,9 @@
 // floor.
 #pragma once
 
-#include <mutex>
 #include <string>
 
 namespace kevra {
-
-// Guards the availability answer, the current device and the kernel memos. Taken first: a pool's
-// mutex or hipRTC's may follow, never the other way round.
-extern std::recursive_mutex runtime_mutex;
 
 // Whether a HIP runtime loads, starts and reports a device. Answered once a process; never throws.
 bool available();

@@ -28,12 +28,6 @@ DevicePool& pool() {
   return *instance;
 }
 
-// With the pool's mutex held; must not throw.
-int current_device() {
-  int device = -1;
-  return hip_dl::api().GetDevice(&device) == 0 ? device : -1;
-}
-
 void drain_locked(DevicePool& p) {
   for (auto& [key, list] : p.lists) {
     list.drain([&p](devptr_t block) {

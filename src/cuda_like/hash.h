@@ -1,0 +1,25 @@
+// The 64-bit hashes that name cached objects, tables and plans.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace kevra {
+
+// FNV-1a with a start value of our own.
+uint64_t content_hash(const void* data, size_t bytes);
+inline uint64_t content_hash(std::string_view text) {
+  return content_hash(text.data(), text.size());
+}
+
+// Of a row-major matrix that may be large: its first 4096 bytes and some 512 samples of the rest.
+uint64_t matrix_hash(const double* data, size_t rows, size_t cols);
+
+// Mixes one more value into a key. The constant is 2^64 over the golden ratio.
+constexpr uint64_t kHashMix = 0x9e3779b97f4a7c15;
+constexpr uint64_t combine(uint64_t h, uint64_t v) {
+  return h ^ (v + kHashMix + (h << 6) + (h >> 2));
+}
+
+}  // namespace kevra
