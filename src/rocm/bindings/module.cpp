@@ -5,6 +5,7 @@
 PYBIND11_MODULE(_rocm, m) {
   m.doc() = "kevra ROCm runtime for numpy arrays (HIP + hipRTC)";
   kevra::bindings::bind_queries(m);
+  kevra::bindings::bind_fft(m);
   kevra::bindings::bind_features(m);
   kevra::bindings::bind_routing(m);
 }

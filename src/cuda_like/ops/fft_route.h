@@ -1,0 +1,49 @@
+// Which kernel a complex transform takes. Pure functions of size, precision, hint and the
+// device's shared memory; nothing here touches a device.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "codegen/kernels/fft.h"
+#include "codegen/stft_config.h"
+
+namespace kevra::ops {
+
+struct FftShape {
+  int n;
+  bool wide;  // the double twin
+  bool inverse;
+  bool half;  // 16-bit storage
+  bool pair;  // two rows packed into half arithmetic where a kernel has it
+
+  int storage() const { return wide ? 2 : half ? 0 : 1; }
+  int64_t complex_bytes() const { return wide ? 16 : 8; }
+};
+
+enum class FftForm { kBluestein, kFourStep, kTwoPass, kThreePass, kPair, kRegister, kShared };
+
+// Words for messages.
+const char* fft_form_name(FftForm form);
+
+// A kernel that keeps its rows in registers.
+struct RegisterFft {
+  int ept = 0;  // elements per thread
+  std::vector<int> radices;
+  int rows = 0;                // per block
+  bool window_layout = false;  // exchange through per-thread windows
+  bool half_exchange = false;  // the exchange buffer holds halves
+  size_t shared_bytes = 0;
+};
+
+struct FftRoute {
+  FftForm form;
+  RegisterFft registers;             // of kTwoPass, kThreePass, kPair, kRegister
+  codegen::ComplexFftKernel shared;  // of kShared
+};
+
+// A hint that cannot be honoured is lowered or passed over; it never fails a transform.
+FftRoute route_fft(const FftShape& shape, const codegen::ShapeHint& hint, int64_t shared_limit);
+
+}  // namespace kevra::ops

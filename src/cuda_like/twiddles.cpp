@@ -1,0 +1,79 @@
+#include "cuda_like/twiddles.h"
+
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <numbers>
+#include <string>
+
+#include "codegen/rader.h"
+#include "cuda_like/hash.h"
+#include "cuda_like/tables.h"
+
+namespace kevra {
+namespace {
+
+using Table = std::vector<std::complex<double>>;
+
+// The first `count` powers of exp(-2 pi i / n).
+void append_roots(Table& table, int n, int count) {
+  for (int k = 0; k < count; ++k) {
+    const double angle = k * (-2 * std::numbers::pi) * (1.0 / n);
+    table.emplace_back(std::cos(angle), std::sin(angle));
+  }
+}
+
+// What tells the tables of the transforms apart: the seed of the key, and a letter.
+struct TwiddleTag {
+  uint64_t seed;
+  char letter;
+};
+constexpr TwiddleTag kFftTag{35, 'f'};
+
+devptr_t upload_twiddles(const TwiddleTag& tag, int n, const Table& table, size_t scalar_bytes) {
+  char name[64];
+  std::snprintf(name, sizeof name, "tw%c_%d_%zu_%zu", tag.letter, n, table.size(), scalar_bytes);
+  if (scalar_bytes == sizeof(double)) {
+    return device_table(name, table.data(), table.size() * sizeof table[0]);
+  }
+  const std::vector<std::complex<float>> narrow(table.begin(), table.end());
+  return device_table(name, narrow.data(), narrow.size() * sizeof narrow[0]);
+}
+
+}  // namespace
+
+Table twiddle_table(int n, int rader) {
+  Table table;
+  append_roots(table, n, n);
+  if (rader == 0) return table;
+  const int m = rader - 1;
+  append_roots(table, m, m);
+  const int g = codegen::primitive_root(rader);
+  const codegen::RaderMaps maps = codegen::rader_maps(rader, g);
+  std::vector<double> re, im;
+  codegen::rader_filter(rader, g, re, im);
+  for (int k = 0; k < m; ++k) table.emplace_back(re[k], im[k]);
+  for (int k = 0; k < m; ++k) table.emplace_back(maps.log[k + 1], maps.out[k]);
+  return table;
+}
+
+Table twiddle_table_pow2(int n) {
+  Table table;
+  append_roots(table, n / 2, n / 4);
+  append_roots(table, n, n / 2);
+  return table;
+}
+
+devptr_t fft_twiddles(int n, int rader, bool wide) {
+  const size_t scalar_bytes = wide ? sizeof(double) : sizeof(float);
+  uint64_t key = kFftTag.seed;
+  for (uint64_t v :
+       {uint64_t(n), uint64_t(scalar_bytes), uint64_t(kFftTag.letter), uint64_t(rader)}) {
+    key = combine(key, v);
+  }
+  return device_table_built(key, [&] {
+    return upload_twiddles(kFftTag, n, wide ? twiddle_table(n, rader) : Table(1), scalar_bytes);
+  });
+}
+
+}  // namespace kevra
