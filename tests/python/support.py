@@ -1,0 +1,151 @@
+"""What several test modules share: references and tolerances, device memory, processes that start afresh."""
+
+import ctypes
+import math
+import multiprocessing
+import os
+import tempfile
+
+import kevra
+import numpy as np
+import pytest
+from kevra import _diagnostics
+
+HALF, FLOAT, DOUBLE = 0, 1, 2
+STORAGE = (np.float16, np.float32, np.float64)
+# Unit roundoff of storage and of arithmetic.
+UNIT = ((2**-11, 2**-24), (2**-24, 2**-24), (2**-53, 2**-53))
+
+
+def rms_tolerance(prec, frame_length):
+    """Relative: a thread adds frame_length / 256 squares, eight halvings follow, then division, root, conversion."""
+    storage, arithmetic = UNIT[prec]
+    return storage + arithmetic * (math.ceil(frame_length / 256) + 12)
+
+
+def rms_reference(x, frames, frame_length, hop, center):
+    """By index arithmetic, in more than double; frames may reach past the signal by any number of its lengths."""
+    n = x.shape[1]
+    q = hop * np.arange(frames)[:, None] - center * (frame_length // 2) + np.arange(frame_length)
+    if n > 1:
+        q = abs((q + n - 1) % (2 * n - 2) - (n - 1))
+    return np.sqrt(np.mean(x.astype(np.longdouble)[:, q] ** 2, axis=-1))
+
+
+def pools_in_use():
+    """Blocks that the device pool and the pinned pool have handed out."""
+    pools = _diagnostics.read()["pools"]
+    return pools["device"]["in_use_blocks"], pools["pinned"]["in_use_blocks"]
+
+
+class HipFailure(Exception):
+    """A HIP call of the test's own failed."""
+
+
+class Device:
+    """Memory and streams of one device, by the calls that a caller of resident functions has at hand."""
+
+    def __init__(self, index=0):
+        self.index = index
+        self.hip = ctypes.CDLL(kevra.cpu_device_path())
+        self.blocks, self.streams = [], []
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        for stream in self.streams:
+            self.call("hipStreamSynchronize", stream)
+            self.call("hipStreamDestroy", stream)
+        for block in self.blocks:
+            self.call("hipFree", block)
+
+    def call(self, name, *arguments):
+        status = self.hip.hipSetDevice(self.index) or getattr(self.hip, name)(*arguments)
+        if status != 0:
+            raise HipFailure(f"{name}{arguments} gave {status}")
+
+    def empty(self, count, dtype):
+        block = ctypes.c_void_p()
+        self.call("hipMalloc", ctypes.byref(block), ctypes.c_size_t(count * np.dtype(dtype).itemsize))
+        self.blocks.append(block)
+        return block.value
+
+    def upload(self, array):
+        array = np.ascontiguousarray(array)
+        address = self.empty(array.size, array.dtype)
+        self.call("hipMemcpyHtoD", ctypes.c_void_p(address), ctypes.c_void_p(array.ctypes.data),
+                  ctypes.c_size_t(array.nbytes))
+        return address
+
+    def download(self, address, shape, dtype):
+        array = np.empty(shape, dtype)
+        self.call("hipMemcpyDtoH", ctypes.c_void_p(array.ctypes.data), ctypes.c_void_p(address),
+                  ctypes.c_size_t(array.nbytes))
+        return array
+
+    def stream(self, flags=0):
+        handle = ctypes.c_void_p()
+        self.call("hipStreamCreateWithFlags", ctypes.byref(handle), ctypes.c_uint(flags))
+        self.streams.append(handle)
+        return handle.value
+
+    def synchronize(self, stream):
+        self.call("hipStreamSynchronize", ctypes.c_void_p(stream))
+
+
+# Forks of a process that has imported the package and done nothing else: as good as a new process, and quicker.
+_fork_server = multiprocessing.get_context("forkserver")
+_fork_server.set_forkserver_preload(["numpy", "kevra", "support"])
+
+
+class Fresh:
+    """``function(*arguments)`` in a process that has not touched a device yet, under ``env``. Starts at once."""
+
+    def __init__(self, function, *arguments, env=None):
+        self.what = f"{function.__name__}{arguments} under {env}"
+        self.errors = tempfile.NamedTemporaryFile("r", errors="replace")  # noqa: SIM115
+        self.answer, answer = _fork_server.Pipe(duplex=False)
+        self.process = _fork_server.Process(
+            target=_run, args=(answer, self.errors.name, env or {}, function, arguments), daemon=True)
+        self.process.start()
+        answer.close()
+
+    def result(self, timeout=120):
+        """What the function returned, and what the process wrote on stderr."""
+        outcome = None
+        try:
+            if self.answer.poll(timeout):
+                outcome = self.answer.recv()
+        except EOFError:
+            pass
+        if outcome is None:
+            self.process.kill()
+        self.process.join()
+        errors = self.errors.read()
+        self.errors.close()
+        if outcome is None:
+            pytest.fail(f"exit status {self.process.exitcode} of {self.what}\n{errors}")
+        value, failure = outcome
+        if failure is not None:
+            pytest.fail(f"{self.what} raised:\n{failure}\n{errors}")
+        return value, errors
+
+
+def fresh(function, *arguments, env=None):
+    return Fresh(function, *arguments, env=env).result()[0]
+
+
+def _run(answer, errors, env, function, arguments):
+    import traceback
+
+    os.dup2(os.open(errors, os.O_WRONLY | os.O_APPEND), 2)
+    for name, value in env.items():
+        if value is None:
+            os.environ.pop(name, None)
+        else:
+            os.environ[name] = str(value)
+    try:
+        answer.send((function(*arguments), None))
+    except BaseException:
+        answer.send((None, traceback.format_exc()))
