@@ -3,13 +3,13 @@
 #include <elf.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <exception>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 
 #include "rocm/environment.h"
 
@@ -79,7 +79,12 @@ std::optional<CodeObject> read_code_object(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) return std::nullopt;
   CodeObject code;
-  code.padded.assign(std::istreambuf_iterator<char>(file), {});
+  // read() reports a folder in the file's place, or a bad disk, where stream iterators throw.
+  std::array<char, 65536> part;
+  do {
+    file.read(part.data(), part.size());
+    code.padded.insert(code.padded.end(), part.begin(), part.begin() + file.gcount());
+  } while (file);
   code.bytes = code.padded.size();
   code.padded.resize(code.bytes + kPadding);
   if (file.bad() || code.bytes == 0 || cut_short(code)) return std::nullopt;
