@@ -9,6 +9,7 @@
 #include "cuda_like/hash.h"
 #include "rocm/code_cache.h"
 #include "rocm/context.h"
+#include "rocm/debug.h"
 #include "rocm/environment.h"
 #include "rocm/hip_dl.h"
 
@@ -43,7 +44,8 @@ class Program {
   Program& operator=(const Program&) = delete;
   ~Program() { rtc_.DestroyProgram(&prog_); }
 
-  void compile() {
+  // Throws with the compiler's log, and behind it what a reader of the log needs.
+  void compile(const std::string& source, const std::string& kernel_name) {
     // No option names the target: hipRTC builds for the current device.
     std::string include;
     std::vector<const char*> options;
@@ -52,7 +54,9 @@ class Program {
       options.push_back(include.c_str());
     }
     if (rtc_.CompileProgram(prog_, static_cast<int>(options.size()), options.data()) != 0) {
-      throw std::runtime_error("kevra kernel compile failed:\n" + log());
+      throw std::runtime_error("kevra kernel compile failed:\n" + log() + "\nkernel " +
+                               kernel_name + ", options: " + (include.empty() ? "none" : include) +
+                               "\n" + debug::numbered(source));
     }
   }
 
@@ -86,7 +90,7 @@ std::vector<char> compile_source(const std::string& source, const std::string& k
         "found. Put libhiprtc beside the HIP runtime library, or set KEVRA_HIPRTC_PATH to it.");
   }
   Program program(*rtc, source, kernel_name);
-  program.compile();
+  program.compile(source, kernel_name);
   return program.code();
 }
 
@@ -139,12 +143,16 @@ kernel_t compile_function(int dev, const std::string& source, const std::string&
 
   const std::string arch = arch_name(dev);
   const std::string path = kernel_cache_path(content_hash(source + "\n" + kernel_name), arch);
+  const auto start = debug::Clock::now();
   std::optional<kernel_t> fn = load_cached(path, kernel_name);
+  const char* how = "loaded from disk";
   if (!fn) {
     const std::vector<char> code = compile_source(source, kernel_name);
     write_code_object(path, code);
     fn = load_fresh(code, kernel_name, arch);
+    how = "compiled";
   }
+  debug::made(kernel_name, how, start, source);
   module_memo().emplace(memo_key, *fn);
   return *fn;
 }
@@ -158,6 +166,7 @@ kernel_t kernel_function(const std::string& key, int dev,
   std::lock_guard lock(runtime_mutex);
   if (const auto it = kernel_memo().find(memo_key); it != kernel_memo().end()) return it->second;
   kernel_t fn = compile_function(dev, source(), kernel_name);
+  debug::keyed(fn, key);
   kernel_memo().emplace(std::move(memo_key), fn);
   return fn;
 }

@@ -6,6 +6,7 @@
 
 #include "codegen/backend.h"
 #include "cuda_like/device.h"
+#include "rocm/debug.h"
 #include "rocm/hip_dl.h"
 
 namespace kevra {
@@ -108,9 +109,11 @@ void launch_kernel(kernel_t fn, unsigned gx, unsigned gy, unsigned block, size_t
   if (gy >= kGridYLimit) {
     throw std::runtime_error(std::string(name) + ": batch exceeds grid.y limit");
   }
+  const auto start = debug::level() > 0 ? debug::Clock::now() : debug::Clock::time_point{};
   KEVRA_CHECK_IN(::kevra::hip_dl::api().ModuleLaunchKernel(fn, gx, gy, 1, block, 1, 1, shared,
                                                            stream, args, nullptr),
                  name);
+  debug::launched(fn, name, gx, gy, block, shared, stream, start);
 }
 
 const codegen::Backend& backend() {

@@ -31,5 +31,8 @@ std::optional<std::string> hip_include() {
 std::optional<std::string> cache_dir() {
   return variable("KEVRA_CACHE_DIR");
 }
+int debug_level() {
+  return std::atoi(variable("KEVRA_DEBUG").value_or("0").c_str());
+}
 
 }  // namespace kevra::environment

@@ -17,4 +17,7 @@ std::optional<std::string> hip_include();
 // KEVRA_CACHE_DIR: root of the code-object cache. Set but empty counts as set.
 std::optional<std::string> cache_dir();
 
+// KEVRA_DEBUG: what to tell on stderr; 0, and anything that is no number, is silence.
+int debug_level();
+
 }  // namespace kevra::environment
