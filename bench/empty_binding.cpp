@@ -1,0 +1,10 @@
+// A binding with the argument list of rms_resident that does nothing: what a call costs before the
+// runtime's own work begins.
+#include <pybind11/pybind11.h>
+
+#include <cstdint>
+
+PYBIND11_MODULE(_empty_binding, m) {
+  m.def("rms_resident", [](uintptr_t, uintptr_t, int64_t, int64_t, int64_t, int64_t, int64_t, bool,
+                           int, int, uintptr_t) {});
+}

@@ -1,0 +1,159 @@
+"""What the benchmarks share: options, the device, child processes, and figures against their bars."""
+
+import argparse
+import ctypes
+import json
+import os
+import platform
+import subprocess
+import sys
+import tempfile
+from contextlib import contextmanager
+from dataclasses import asdict, dataclass
+from pathlib import Path
+
+import kevra
+from kevra import _diagnostics
+
+HERE = Path(__file__).parent
+
+
+@dataclass
+class Figure:
+    """One measured value and the most that it may be."""
+
+    name: str
+    value: float
+    unit: str
+    bar: float
+
+    @property
+    def passed(self) -> bool:
+        return self.value <= self.bar  # false for a NaN too
+
+
+def options(description: str, **counts: int) -> argparse.Namespace:
+    """The command line: --json, --gpu, and one option a count, its default given."""
+    parser = argparse.ArgumentParser(prog=f"bench/run {Path(sys.argv[0]).stem}", description=description)
+    parser.add_argument("--json", metavar="FILE", help="write the figures to a file too")
+    parser.add_argument("--gpu", action="store_true", help="measure the GPU that HIP finds, not the CPU device")
+    for name, default in counts.items():
+        parser.add_argument(f"--{name}", type=positive, default=default, metavar="N", help=f"default: {default}")
+    chosen = parser.parse_args()
+    if not chosen.gpu:
+        kevra.use_cpu_device()
+    return chosen
+
+
+def positive(text: str) -> int:
+    value = int(text)
+    if value < 1:
+        raise argparse.ArgumentTypeError(f"{value} is too small, must be at least 1")
+    return value
+
+
+def report(chosen: argparse.Namespace, measured: str, figures: list[Figure], notes: dict[str, str] | None = None) -> int:
+    """Prints the figures and returns the exit status: 0 when every one is within its bar."""
+    machine = f"{processor()}, {os.cpu_count()} processors, load {os.getloadavg()[0]:.1f}"
+    lines = {"machine": machine, "device": device(), "measured": measured, **(notes or {})}
+    width = max(len(name) for name in [*lines, *(figure.name for figure in figures)])
+    for name, text in lines.items():
+        print(f"{name:<{width}}  {text}")
+    for figure in figures:
+        verdict = "pass" if figure.passed else "MISSED"
+        print(f"{figure.name:<{width}}  {figure.value:.3g} {figure.unit}, bar {figure.bar:g} {figure.unit}: {verdict}")
+    if chosen.json:
+        record = {**lines, "figures": [{**asdict(figure), "passed": figure.passed} for figure in figures]}
+        Path(chosen.json).write_text(json.dumps(record, indent=2) + "\n")
+    return 0 if all(figure.passed for figure in figures) else 1
+
+
+def processor() -> str:
+    with open("/proc/cpuinfo", encoding="utf-8") as info:
+        names = [line.split(":", 1)[1].strip() for line in info if line.startswith("model name")]
+    return names[0] if names else platform.machine()
+
+
+def device() -> str:
+    if not kevra.available():
+        raise SystemExit("No device: `python -m kevra` tells what was looked for; leave out --gpu for the CPU device.")
+    return f"{kevra.device_name()} ({kevra.device_arch()})"
+
+
+def progress(steps, label: str):
+    """Walks through `steps` with a bar on the terminal; silent where the output goes to a file."""
+    steps = list(steps)
+    shown = sys.stderr.isatty()
+    for done, step in enumerate(steps):
+        if shown:
+            filled = 30 * done // len(steps)
+            print(f"\r{label} [{'#' * filled}{'.' * (30 - filled)}] {done}/{len(steps)}", end="", file=sys.stderr)
+        yield step
+    if shown:
+        print("\r\033[K", end="", file=sys.stderr)
+
+
+@contextmanager
+def cache_folder():
+    """An empty code-object cache, for this process as long as it has compiled nothing, and for its children."""
+    with tempfile.TemporaryDirectory(prefix="kevra-bench-") as folder:
+        os.environ["KEVRA_CACHE_DIR"] = folder
+        yield Path(folder) / "kernels"
+
+
+def run_children(script: str, count: int) -> list[dict]:
+    """Runs one of this folder's scripts in fresh processes, let go at the same instant once all have told that they
+    are ready; returns what each says, or {"error": ...} of one that failed."""
+    command = [sys.executable, str(HERE / script)]
+    pipe = subprocess.PIPE
+    children = [subprocess.Popen(command, stdin=pipe, stdout=pipe, stderr=pipe, text=True) for _ in range(count)]
+    for child in children:
+        child.stdout.readline()
+    for child in children:
+        child.stdin.close()
+        child.stdin = None
+    return [child_answer(child) for child in children]
+
+
+def child_answer(child: subprocess.Popen) -> dict:
+    try:
+        output, errors = child.communicate(timeout=120)
+    except subprocess.TimeoutExpired:
+        child.kill()
+        child.communicate()
+        return {"error": "no answer within 120 s"}
+    return json.loads(output) if child.returncode == 0 else {"error": f"exit status {child.returncode}\n{errors}"}
+
+
+class Hip:
+    """The bound HIP library through ctypes: device memory and events, for measuring beside the module."""
+
+    def __init__(self):
+        kevra.available()
+        self.library = ctypes.CDLL(_diagnostics.read()["library"])
+
+    def call(self, name: str, *arguments) -> None:
+        status = getattr(self.library, name)(*arguments)
+        if status != 0:
+            raise RuntimeError(f"{name} failed with error {status}")
+
+    def malloc(self, size: int) -> int:
+        address = ctypes.c_void_p()
+        self.call("hipMalloc", ctypes.byref(address), ctypes.c_size_t(size))
+        return address.value
+
+    def event(self) -> ctypes.c_void_p:
+        event = ctypes.c_void_p()
+        self.call("hipEventCreate", ctypes.byref(event))
+        return event
+
+    def record(self, event: ctypes.c_void_p) -> None:
+        self.call("hipEventRecord", event, None)
+
+    def synchronize(self) -> None:
+        self.call("hipDeviceSynchronize")
+
+    def microseconds(self, start: ctypes.c_void_p, stop: ctypes.c_void_p) -> float:
+        elapsed = ctypes.c_float()
+        self.call("hipEventElapsedTime", ctypes.byref(elapsed), start, stop)
+        return elapsed.value * 1e3
