@@ -26,9 +26,9 @@ void Stream::wait(uint64_t number) {
       continue;
     }
     lock.unlock();
-    const bool reached = spin_until([&] { return completed() >= number; });
+    spin_until([&] { return completed() >= number; });
     lock.lock();
-    if (reached || !owned_) continue;
+    if (completed() >= number || !owned_) continue;
     wanted_ = std::min(wanted_, number);
     done_.wait(lock);
   }
