@@ -74,7 +74,8 @@ class Rewriter {
   }
 
   void head(size_t first, size_t name, bool suspends, bool no_parameters) {
-    std::string text = suspends ? "static ::kevra_cpu_device::Task " : "static void ";
+    std::string text = suspends ? "KEVRA_CPU_KERNEL_FUNCTION ::kevra_cpu_device::Task "
+                                : "KEVRA_CPU_KERNEL_FUNCTION void ";
     text += tokens_[name].text;
     text += "(::kevra_cpu_device::Thread kevra_thread";
     if (!no_parameters) text += ", ";

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "kernel/code_object.h"
+#include "kernel/grid.h"
 #include "kernel/order.h"
 
 namespace kevra_cpu {
@@ -23,10 +24,6 @@ constexpr size_t chunk_bytes = 256 << 10;  // frames of a 1024-thread block, a f
 
 Index3 as_index(Dim3 d) {
   return {d.x, d.y, d.z};
-}
-
-std::string as_text(Dim3 d) {
-  return "(" + std::to_string(d.x) + "," + std::to_string(d.y) + "," + std::to_string(d.z) + ")";
 }
 
 char* aligned(void* p) {
@@ -50,15 +47,31 @@ BlockRunner& BlockRunner::of_this_thread() {
   return runner;
 }
 
-bool BlockRunner::run(const Launch& launch, Dim3 index, std::string& report) {
+bool BlockRunner::run(const Launch& launch, Dim3 index, std::string& report,
+                      BlockObserver* observer) {
   prepare(launch, index);
+  observer_ = observer;
+  if (observer_ != nullptr) observer_->begin_block(block_, threads_);
   start_threads();
-  return launch.kernel->entry().suspends == 0 || finish_threads(report);
+  if (launch.kernel->entry().suspends != 0 && !finish_threads(report)) return false;
+  if (observer_ != nullptr) observer_->end_block();
+  return true;
+}
+
+bool BlockRunner::owns(uintptr_t address, size_t bytes) const {
+  const auto within = [&](const void* begin, size_t size) {
+    const uintptr_t offset = address - reinterpret_cast<uintptr_t>(begin);
+    return offset < size && bytes <= size - offset;
+  };
+  for (const Chunk& chunk : chunks_)
+    if (within(chunk.memory.get(), chunk.bytes)) return true;
+  return within(&block_, sizeof block_) ||
+         within(shuffled_.data(), shuffled_.size() * sizeof shuffled_[0]);
 }
 
 void BlockRunner::prepare(const Launch& launch, Dim3 index) {
   launch_ = &launch;
-  threads_ = launch.block.x * launch.block.y * launch.block.z;
+  threads_ = static_cast<unsigned>(count_of(launch.block));
   if (shared_.size() < launch.shared_bytes + alignment)
     shared_.resize(launch.shared_bytes + alignment);
   block_.index = as_index(index);
@@ -69,21 +82,24 @@ void BlockRunner::prepare(const Launch& launch, Dim3 index) {
   block_.frames_next = block_.frames_end = nullptr;
   block_.shuffle_round = 0;
   chunks_used_ = 0;
-  const uint64_t block_number =
-      (uint64_t(index.z) * launch.grid.y + index.y) * launch.grid.x + index.x;
-  order_ = run_order(threads_, block_number);
+  order_ = run_order(threads_, number_of(index, launch.grid));
 }
 
 void BlockRunner::start_threads() {
   for (const uint32_t thread : order_) start_thread(thread);
   if (!order_.empty()) return;
+  if (observer_ != nullptr) {
+    for (unsigned thread = 0; thread < threads_; ++thread) start_thread(thread);
+    return;
+  }
   const auto start = launch_->kernel->entry().start;
   for (unsigned z = 0; z < block_.size.z; ++z)
     for (unsigned y = 0; y < block_.size.y; ++y) start(&block_, {0, y, z}, block_.size.x);
 }
 
 void BlockRunner::start_thread(unsigned thread) {
-  launch_->kernel->entry().start(&block_, as_index(thread_index(thread)), 1);
+  if (observer_ != nullptr) observer_->enter_thread(thread);
+  launch_->kernel->entry().start(&block_, as_index(index_of(thread, launch_->block)), 1);
 }
 
 bool BlockRunner::finish_threads(std::string& report) {
@@ -91,6 +107,7 @@ bool BlockRunner::finish_threads(std::string& report) {
     const bool together = all_at_one_place();
     if (together && places_[0] == ended) return true;
     if (!together && !groups_agree(report)) return false;
+    if (observer_ != nullptr) tell_meetings(together);
     ++block_.shuffle_round;
     resume_where(!together);
   }
@@ -102,7 +119,16 @@ bool BlockRunner::all_at_one_place() const {
   return differences == 0;
 }
 
+void BlockRunner::tell_meetings(bool together) {
+  if (together && place_kind(places_[0]) == PlaceKind::barrier)
+    return observer_->pass_barrier(place_line(places_[0]));
+  for (unsigned first = 0; first < threads_; first += group_threads)
+    if (place_kind(places_[first]) == PlaceKind::shuffle)
+      observer_->pass_shuffle(first / group_threads);
+}
+
 void BlockRunner::resume(unsigned thread) {
+  if (observer_ != nullptr) observer_->enter_thread(thread);
   // A coroutine's frame begins with the function that goes on with it.
   void* frame = frames_[thread];
   (*static_cast<void (**)(void*)>(frame))(frame);
@@ -135,14 +161,9 @@ bool BlockRunner::groups_agree(std::string& report) const {
   return shuffles;
 }
 
-Dim3 BlockRunner::thread_index(unsigned thread) const {
-  const Dim3& size = launch_->block;
-  return {thread % size.x, thread / size.x % size.y, thread / size.x / size.y};
-}
-
 std::string BlockRunner::describe(unsigned thread) const {
   const Place place = places_[thread];
-  std::string text = "thread " + as_text(thread_index(thread));
+  std::string text = "thread " + as_text(index_of(thread, launch_->block));
   if (place == ended) return text + " has ended";
   return text + " waits at the " +
          (place_kind(place) == PlaceKind::shuffle ? "shuffle" : "barrier") + " of line " +

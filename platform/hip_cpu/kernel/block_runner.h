@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "compiler/device/block.h"
+#include "kernel/block_observer.h"
 #include "kernel/launch.h"
 
 namespace kevra_cpu {
@@ -22,7 +23,11 @@ class BlockRunner {
   static BlockRunner& of_this_thread();
 
   // False, with `report` saying what went wrong, when the block could not run to its end.
-  bool run(const Launch& launch, Dim3 index, std::string& report);
+  bool run(const Launch& launch, Dim3 index, std::string& report,
+           BlockObserver* observer = nullptr);
+
+  // Whether the bytes are the runner's own, among them the frames of the block's threads.
+  bool owns(uintptr_t address, size_t bytes) const;
 
  private:
   using Place = kevra_cpu_device::Place;
@@ -44,11 +49,12 @@ class BlockRunner {
   bool groups_agree(std::string& report) const;
   std::string describe(unsigned thread) const;
   std::string disagreement(unsigned a, unsigned b) const;
-  Dim3 thread_index(unsigned thread) const;
+  void tell_meetings(bool together);
   static char* more_frames(kevra_cpu_device::Block* block, unsigned long bytes);
 
   kevra_cpu_device::Block block_{};
   const Launch* launch_ = nullptr;
+  BlockObserver* observer_ = nullptr;
   unsigned threads_ = 0;
   std::vector<uint32_t> order_;  // of the threads; empty: as they are numbered
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "kernel/checker.h"
 #include "kernel/image.h"
 
 namespace kevra_cpu {
@@ -51,6 +52,7 @@ void* load_library(const std::vector<std::byte>& elf) {
 CodeObject::CodeObject(const kevra_cpu_device::KernelTable& table) {
   for (const auto* entry = table.begin; entry != table.end; ++entry)
     kernels_.emplace_back(entry, this);
+  if (table.hooks != nullptr) *table.hooks = check_hooks();
 }
 
 Kernel* CodeObject::find(const char* name) {

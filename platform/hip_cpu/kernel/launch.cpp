@@ -3,8 +3,11 @@
 #include <cstring>
 #include <mutex>
 
+#include "common/settings.h"
 #include "kernel/block_runner.h"
+#include "kernel/checker.h"
 #include "kernel/code_object.h"
+#include "kernel/grid.h"
 #include "kernel/order.h"
 #include "kernel/worker_pool.h"
 
@@ -16,18 +19,13 @@ constexpr int launch_failure = 719;
 
 // What is wrong with the block's size, or nothing.
 std::string size_fault(const Launch& launch) {
-  const uint64_t threads = uint64_t(launch.block.x) * launch.block.y * launch.block.z;
+  const uint64_t threads = count_of(launch.block);
   const auto& entry = launch.kernel->entry();
   const unsigned bound =
       entry.launch_bound != 0 ? entry.launch_bound : kevra_cpu_device::max_threads;
   if (threads != 0 && threads <= bound) return {};
   return std::string("kernel '") + entry.name + "': a block of " + std::to_string(threads) +
          " threads; it takes 1 to " + std::to_string(bound);
-}
-
-Dim3 block_index(uint64_t number, const Dim3& grid) {
-  return {uint32_t(number % grid.x), uint32_t(number / grid.x % grid.y),
-          uint32_t(number / grid.x / grid.y)};
 }
 
 }  // namespace
@@ -47,11 +45,12 @@ Launch pack_launch(const Kernel* kernel, Dim3 grid, Dim3 block, size_t shared_by
 int run_launch(const Launch& launch, std::string& report) {
   report = size_fault(launch);
   if (!report.empty()) return launch_failure;
-  const uint64_t blocks = uint64_t(launch.grid.x) * launch.grid.y * launch.grid.z;
+  if (settings().check) return run_checked(launch, report);
+  const uint64_t blocks = count_of(launch.grid);
   const std::vector<uint32_t> order = run_order(static_cast<uint32_t>(blocks), 0);
   std::mutex failure;
   share_blocks(blocks, [&](uint64_t i) {
-    const Dim3 index = block_index(order.empty() ? i : order[i], launch.grid);
+    const Dim3 index = index_of(order.empty() ? i : order[i], launch.grid);
     std::string fault;
     if (BlockRunner::of_this_thread().run(launch, index, fault)) return true;
     const std::lock_guard lock(failure);

@@ -6,7 +6,11 @@
 
 #ifdef KEVRA_CPU_CHECK
 
-#define KEVRA_CPU_UNCHECKED __attribute__((no_sanitize("coverage"), noinline))
+// A function's loads and stores follow it into another one, so what is not to be traced and what
+// is must stay functions of their own.
+#define KEVRA_CPU_UNTRACED __attribute__((no_sanitize("coverage")))
+#define KEVRA_CPU_UNCHECKED KEVRA_CPU_UNTRACED __attribute__((noinline))
+#define KEVRA_CPU_KERNEL_FUNCTION static __attribute__((noinline))
 
 extern "C" {
 kevra_cpu_device::CheckHooks kevra_check_hooks = {};
@@ -33,7 +37,9 @@ KEVRA_CPU_UNCHECKED static void note_atomic(const void* address, unsigned bytes)
 
 #else
 
+#define KEVRA_CPU_UNTRACED
 #define KEVRA_CPU_UNCHECKED
+#define KEVRA_CPU_KERNEL_FUNCTION static
 namespace kevra_cpu_device {
 static inline void note_atomic(const void*, unsigned) {}
 }  // namespace kevra_cpu_device

@@ -2,6 +2,7 @@
 // block runner. `kevra_thread` is the first parameter of every kernel.
 #pragma once
 
+#include "compiler/device/check.h"
 #include "compiler/device/coroutine.h"
 
 #define __global__
@@ -44,18 +45,21 @@ struct Starter<kernel, Result (*)(Thread, Types...)> {
   static constexpr unsigned arguments = sizeof...(Types);
   static constexpr bool suspends = __is_same(Result, Task);
 
-  static void start(Block* block, Index3 first, unsigned count) {
+  KEVRA_CPU_UNTRACED static void start(Block* block, Index3 first, unsigned count) {
     start(block, first, count, __make_integer_seq<Sequence, unsigned, sizeof...(Types)>{});
   }
 
   template <unsigned... I>
-  static inline void start(Block* block, Index3 first, unsigned count, Sequence<unsigned, I...>) {
+  KEVRA_CPU_UNTRACED static void start(Block* block, Index3 first, unsigned count,
+                                       Sequence<unsigned, I...>) {
     run(block, first, count,
         *reinterpret_cast<const Types*>(block->arguments + layout.of[I].offset)...);
   }
 
-  static inline __attribute__((always_inline)) void run(Block* block, Index3 first, unsigned count,
-                                                        Types... arguments) {
+  KEVRA_CPU_UNTRACED static inline __attribute__((always_inline)) void run(Block* block,
+                                                                           Index3 first,
+                                                                           unsigned count,
+                                                                           Types... arguments) {
     const unsigned number = (first.z * block->size.y + first.y) * block->size.x + first.x;
     Thread thread{block, number, first, block->index, block->size, block->grid};
     for (unsigned i = 0; i < count; ++i) {
