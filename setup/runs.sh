@@ -107,7 +107,8 @@ run_wheel() {
   run_logged wheel-build "Building the wheel" "$python" -m pip wheel --no-deps -w "$place" "$root" &&
     run_logged wheel-venv "Creating an empty environment" "$python" -m venv "$place/venv" &&
     run_logged wheel-install "Installing the wheel" "$place/venv/bin/python" -m pip install "$place"/kevra-*.whl &&
-    (cd "$place" && "$place/venv/bin/python" "$root/tests/wheel_smoke.py") || broken+=("wheel")
+    (cd "$place" && "$place/venv/bin/python" "$root/tests/wheel_smoke.py") &&
+    say '<testsuite><testcase name="wheel"/></testsuite>' >"$reports/wheel.xml" || broken+=("wheel")
 }
 
 # The last line tells the sum of all runs; the exit status is 0 only when everything ran and passed.

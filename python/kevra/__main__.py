@@ -73,7 +73,9 @@ def describe_device(number: int, library: str) -> str:
 
 def describe_cache(folder: Path) -> str:
     sizes = [file.stat().st_size for file in folder.glob("*.hsaco")]
-    return f"{folder}, {len(sizes)} code object{'' if len(sizes) == 1 else 's'}, {sum(sizes) / 1e6:.1f} MB"
+    total = sum(sizes)
+    amount = f"{total / 1e6:.1f} MB" if total >= 1e6 else f"{total / 1e3:.0f} kB"
+    return f"{folder}, {len(sizes)} code object{'' if len(sizes) == 1 else 's'}, {amount}"
 
 
 if __name__ == "__main__":
