@@ -8,6 +8,8 @@ start_runs() {
   broken=()
 }
 
+headline() { printf '\n== %s\n' "$*"; }
+
 run_label() {
   local label=plain
   [ -z "$1" ] || label="order $1"
@@ -44,7 +46,7 @@ run_cpp() {
     fi
     mapfile -t filter <<<"$lines"
   fi
-  say "" "== C++ tests ($1)"
+  headline "C++ tests ($1)"
   "$(first_running ctest)" --test-dir "$build_dir" -j "$processors" --output-on-failure --no-tests=ignore \
     --timeout 600 --output-junit "$reports/cpp-$1.xml" "${filter[@]}" || broken+=("C++ tests ($1)")
 }
@@ -54,7 +56,7 @@ run_cpp() {
 run_pytest() {
   local status=0 filter=()
   [ -z "$expression" ] || filter=(-k "$expression")
-  say "" "== Python tests ($1)"
+  headline "Python tests ($1)"
   (cd "$root" && "$python" -m pytest -n "$processors" --junitxml "$reports/python-$1.xml" "${filter[@]}" \
     "${pytest_arguments[@]}") || status=$?
   [ $status = 0 ] || [ $status = 5 ] || broken+=("Python tests ($1)")
@@ -102,7 +104,7 @@ run_wheel() {
   unset KEVRA_HIP_PATH KEVRA_HIPRTC_PATH PYTHONPATH
   device_switches '' ''
   fresh_cache
-  say "" "== Wheel"
+  headline "Wheel"
   mkdir -p "$place"
   run_logged wheel-build "Building the wheel" "$python" -m pip wheel --no-deps -w "$place" "$root" &&
     run_logged wheel-venv "Creating an empty environment" "$python" -m venv "$place/venv" &&
