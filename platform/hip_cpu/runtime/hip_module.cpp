@@ -6,6 +6,7 @@
 #include "kernel/launch.h"
 #include "runtime/device.h"
 #include "runtime/entry.h"
+#include "runtime/handles.h"
 #include "runtime/queue.h"
 
 using namespace kevra_cpu;
@@ -41,16 +42,11 @@ Function* function_of(Module& module, const char* name) {
 int check_shape(Dim3 grid, Dim3 block, size_t shared_bytes) {
   if (grid.x == 0 || grid.y == 0 || grid.z == 0) return invalid_value;
   if (block.x == 0 || block.y == 0 || block.z == 0) return invalid_value;
+  // Each extent on its own first: the product of three could wrap around.
   if (block.x > largest_block || block.y > largest_block || block.z > largest_block)
     return invalid_value;
   if (uint64_t{block.x} * block.y * block.z > largest_block) return invalid_value;
   return shared_bytes <= settings().shared_limit ? success : invalid_value;
-}
-
-int queue_launch(const Function& function, const std::shared_ptr<Stream>& stream, Launch launch) {
-  if (function.device != stream->device) return invalid_device;
-  enqueue(*stream, std::move(launch));
-  return success;
 }
 
 }  // namespace
@@ -60,19 +56,20 @@ KEVRA_HIP_EXPORT int hipModuleLoadData(void** out, const void* image) {
     if (!out || !image) return invalid_value;
     const Device* device = current_device();
     if (!device) return no_device;
-    auto module = std::make_unique<Module>();
+    auto module = std::make_shared<Module>();
     if (const int refused = load_code_object(image, &module->object)) return refused;
     module->device = device->index;
-    *out = module.release();
+    *out = HandleTable<Module>::instance().insert(std::move(module));
     return success;
   });
 }
 
-KEVRA_HIP_EXPORT int hipModuleGetFunction(void** out, void* module, const char* name) {
+KEVRA_HIP_EXPORT int hipModuleGetFunction(void** out, void* handle, const char* name) {
   return entry("hipModuleGetFunction", [&]() -> int {
     if (!out || !name) return invalid_value;
+    const auto module = HandleTable<Module>::instance().find(handle);
     if (!module) return invalid_handle;
-    Function* function = function_of(*static_cast<Module*>(module), name);
+    Function* function = function_of(*module, name);
     if (!function) return not_found;
     *out = function;
     return success;
@@ -91,10 +88,11 @@ KEVRA_HIP_EXPORT int hipModuleLaunchKernel(void* handle, unsigned grid_x, unsign
     const Dim3 block{block_x, block_y, block_z};
     if (const int refused = check_shape(grid, block, shared_bytes)) return refused;
     if (settings().null_launches) return success;
-    return on_stream(stream, [&](const auto& queue) {
-      return queue_launch(
-          function, queue,
-          pack_launch(function.kernel, grid, block, shared_bytes, arguments, queue->device));
+    return on_stream(stream, [&](const auto& queue) -> int {
+      if (function.device != queue->device) return invalid_device;
+      enqueue(*queue,
+              pack_launch(function.kernel, grid, block, shared_bytes, arguments, queue->device));
+      return success;
     });
   });
 }
