@@ -1,4 +1,8 @@
-"""A warm rms_staged of 1 x 16384 samples, beyond what its kernel takes on the device."""
+"""A warm rms_staged of 1 x 16384 samples, beyond what its kernel takes on the device.
+
+The kernel is timed on input that was copied up just before, as in the staged call: on a processor the same kernel is
+10 us faster on input that its caches already hold. With KEVRA_CPU_NULL=1 the figure is what the host does alone.
+"""
 
 import ctypes
 import statistics
@@ -18,7 +22,7 @@ def main() -> int:
     hip = harness.Hip()
     y = np.random.default_rng(1).standard_normal((1, SAMPLES)).astype(np.float32)
     x, out = hip.malloc(y.nbytes), hip.malloc(4 * FRAMES)
-    hip.call("hipMemsetD8", ctypes.c_void_p(x), 0, ctypes.c_size_t(y.nbytes))
+    upload = (ctypes.c_void_p(x), ctypes.c_void_p(y.ctypes.data), ctypes.c_size_t(y.nbytes))
     start, stop = hip.event(), hip.event()
     staged, kernel = [], []
     with harness.cache_folder():
@@ -27,6 +31,7 @@ def main() -> int:
             kevra.rms_staged(y, FRAME, HOP, True)
             staged.append((time.perf_counter() - started) * 1e6)
 
+            hip.call("hipMemcpyHtoD", *upload)
             hip.record(start)
             kevra.rms_resident(x, out, 1, SAMPLES, FRAMES, FRAME, HOP, True, 1, 0, 0)
             hip.record(stop)
@@ -37,7 +42,7 @@ def main() -> int:
         "staged call": f"{statistics.median(staged):.1f} us median, {min(staged):.1f} us least",
         "kernel": f"{statistics.median(kernel):.1f} us median, {min(kernel):.1f} us least",
     }
-    measured = f"{chosen.calls} staged calls, each followed by the same kernel between two events"
+    measured = f"{chosen.calls} staged calls, each followed by an upload and the same kernel between two events"
     beyond = statistics.median(staged) - statistics.median(kernel)
     return harness.report(chosen, measured, [harness.Figure("beyond the kernel", beyond, "us", 25.0)], notes)
 
