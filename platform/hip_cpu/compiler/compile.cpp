@@ -31,7 +31,7 @@ const Command compile_options = {
     "-nostdinc++",
     "-fno-math-errno",
     "-c",
-    "-ffp-contract=fast",
+    "-ffp-contract=fast-honor-pragmas",
     "-fno-plt",
     "-fno-asynchronous-unwind-tables",
     // What -march=native finds on a virtual machine need not fit together; that is no fault of

@@ -179,9 +179,12 @@ bool Checker::is_private(uintptr_t address, unsigned bytes) {
 void Checker::note_shared(size_t offset, uintptr_t address, unsigned bytes, Access access) {
   const Race race = shared_races().note(offset, bytes, thread_, access);
   if (!race.found) return;
+  // Of several readers the last one is known, and that may have been this thread.
+  const std::string others =
+      race.other == thread_ ? "other threads" : "thread " + thread_text(race.other);
   std::string fault = where() + " " + present(access) + " shared memory at byte " +
-                      std::to_string(offset) + ", which thread " + thread_text(race.other) + " " +
-                      past(race.seen) + " with no barrier between them";
+                      std::to_string(offset) + ", which " + others + " " + past(race.seen) +
+                      " with no barrier between them";
   if (last_barrier_line_ != 0)
     fault += " since the one of line " + std::to_string(last_barrier_line_);
   judge(race, fault, address, bytes, access);
@@ -192,11 +195,13 @@ void Checker::note_device(const Allocation& allocation, uintptr_t address, unsig
   const Race race =
       device_races().note(allocation.base, allocation.bytes, address, bytes, block_number_, access);
   if (!race.found) return;
+  const std::string others = race.other == block_number_
+                                 ? "other blocks"
+                                 : "block " + as_text(index_of(race.other, launch_.grid));
   judge(race,
         where() + " " + present(access) + " byte " + std::to_string(address - allocation.base) +
             " of the allocation of " + std::to_string(allocation.bytes) + " bytes at " +
-            hexadecimal(allocation.base) + ", which block " +
-            as_text(index_of(race.other, launch_.grid)) + " " + past(race.seen) +
+            hexadecimal(allocation.base) + ", which " + others + " " + past(race.seen) +
             "; blocks of a launch are not ordered",
         address, bytes, access);
 }

@@ -126,22 +126,15 @@ static inline float2 __half22float2(__half2 value) {
 }
 
 // A float holds sums and products of halves well enough that rounding it once more gives the
-// correctly rounded half.
-static inline __half __hadd(__half a, __half b) {
-  return __half(float(a) + float(b));
-}
-static inline __half __hsub(__half a, __half b) {
-  return __half(float(a) - float(b));
-}
-static inline __half __hmul(__half a, __half b) {
-  return __half(float(a) * float(b));
-}
-static inline __half2 __hadd2(__half2 a, __half2 b) {
-  return {__hadd(a.x, b.x), __hadd(a.y, b.y)};
-}
-static inline __half2 __hsub2(__half2 a, __half2 b) {
-  return {__hsub(a.x, b.x), __hsub(a.y, b.y)};
-}
-static inline __half2 __hmul2(__half2 a, __half2 b) {
-  return {__hmul(a.x, b.x), __hmul(a.y, b.y)};
-}
+// correctly rounded half. Without contraction: processors with half arithmetic would fuse a
+// product with the sum behind it, others could not.
+#define KEVRA_CPU_HALF_OPERATION(name, sign)                                 \
+  static inline __half name(__half a, __half b) {                            \
+    _Pragma("clang fp contract(off)") return __half(float(a) sign float(b)); \
+  }                                                                          \
+  static inline __half2 name##2(__half2 a, __half2 b) {                      \
+    return {name(a.x, b.x), name(a.y, b.y)};                                 \
+  }
+KEVRA_CPU_HALF_OPERATION(__hadd, +)
+KEVRA_CPU_HALF_OPERATION(__hsub, -)
+KEVRA_CPU_HALF_OPERATION(__hmul, *)

@@ -5,12 +5,14 @@
 #include "compiler/device/check.h"
 #include "compiler/device/coroutine.h"
 
-#define __global__
 #define __device__
 #define __host__
 #define __constant__ static
 #define __forceinline__ inline __attribute__((always_inline))
 #define __launch_bounds__(...)
+// A block runs on one thread of the host from start to end, so what that thread has for itself is
+// the block's. (Dynamic shared arrays are rewritten before this is seen.)
+#define __shared__ static thread_local
 #define __align__(bytes) __attribute__((aligned(bytes)))
 
 #define threadIdx (kevra_thread.thread_index)
