@@ -190,8 +190,10 @@ std::string complex_fft_source(const ComplexFftKernel& kernel, const Backend& ba
 
   map_rows_in_block(w, kernel.rows_per_block, kernel.pitch());
   w.stmt("const iot* xb = x + brow * $;", kernel.n);
+  w.line(kernel.inverse ? "  // load the row's conjugate" : "  // load the row");
   load_row(w, kernel);
   emit_fft_stages(w, "bufA", kernel.n, radices, kernel.tpf, false);
+  w.line("  // behind the last barrier: surplus rows leave, the others are stored");
   w.stmt("if (batch >= nrows) return;");
   store_row(w, kernel);
   return head(kernel, backend) + w.str() + "}\n";
