@@ -38,9 +38,8 @@ StftConfig from_request(const StftRequest& r) {
 // `shared_by_all` elements in `cap` bytes, and `tpf` threads each.
 int frames_that_fit(int wanted, int64_t row, int64_t shared_by_all, int64_t elem, int64_t cap,
                     int tpf) {
-  int fpb = wanted;
+  int fpb = std::max(std::min(wanted, kBlockLimit / tpf), 1);
   while (fpb > 1 && (row * fpb + shared_by_all) * elem > cap) --fpb;
-  while (fpb > 1 && static_cast<int64_t>(tpf) * fpb > kBlockLimit) --fpb;
   return fpb;
 }
 
@@ -132,10 +131,11 @@ StftConfig route_stft(const StftRequest& request, const ShapeHint& hint, int64_t
   StftConfig s = is_power_of_two(n) ? build_pow2_schedule(request, hint, cap)
                                     : build_mixed_schedule(request, hint, cap);
   constexpr int kShiftNone = 15;  // 0 stands for the default
-  const int shift = (hint.var >> 4) & 15;
+  const int var = std::max(hint.var, 0);
+  const int shift = (var >> 4) & 15;
   s.shp_shift = shift == 0 ? 4 : shift == kShiftNone ? 0 : shift;
   const int m = s.pair ? n : n / 2;
-  s.padded = (hint.var & kVarPadded) != 0 && rader_extra(m) == 0;
+  s.padded = (var & kVarPadded) != 0 && rader_extra(m) == 0;
   if (s.core == StftCore::kMixed && needs_bluestein(m)) s.core = StftCore::kFourStep;
   return s;
 }

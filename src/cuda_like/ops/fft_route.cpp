@@ -32,7 +32,7 @@ std::optional<FftForm> form_by_size(const FftShape& s, int64_t limit) {
   if (codegen::needs_bluestein(s.n)) return FftForm::kBluestein;
   if (is_power_of_two(s.n)) {
     if (s.n >= (s.wide ? 16384 : 32768)) return FftForm::kFourStep;
-  } else if (s.n >= 8193 && (s.n + s.n / 16 + 1) * s.complex_bytes() > limit) {
+  } else if (s.n >= 8193 && (int64_t{s.n} + s.n / 16 + 1) * s.complex_bytes() > limit) {
     return FftForm::kFourStep;
   }
   return std::nullopt;
@@ -206,10 +206,11 @@ ComplexFftKernel shared_kernel(const FftShape& s, const ShapeHint& h, int64_t li
                           .rows_per_block = rows,
                           .padded = (var & kVarPadded) != 0 && extra == 0,
                           .radix25 = (var & kVarRadix25) != 0 && s.n % 25 == 0};
-  while (kernel.rows_per_block > 1 &&
-         (static_cast<int64_t>(kernel.shared_bytes()) > limit || kernel.block() > kBlockLimit)) {
+  const auto too_large = [&] { return static_cast<int64_t>(kernel.shared_bytes()) > limit; };
+  while (kernel.rows_per_block > 1 && (too_large() || kernel.block() > kBlockLimit)) {
     --kernel.rows_per_block;
   }
+  if (too_large()) kernel.padded = false;  // a wish for padding must not cost a size that fits
   return kernel;
 }
 
