@@ -71,7 +71,8 @@ def read_wav(path: Path):
     except OSError as problem:
         raise OSError(f"{path} cannot be read: {problem.strerror or problem}; name a WAV file.") from None
     except (ValueError, EOFError, struct.error, ArithmeticError, LookupError, TypeError, UnboundLocalError) as problem:
-        raise ValueError(f"{path} is no WAV file that can be read ({problem}); give PCM or float data.") from None
+        reason = str(problem).rstrip(".") if isinstance(problem, ValueError) else "damaged or cut short"
+        raise ValueError(f"{path} is no WAV file that can be read ({reason}); give PCM or float data.") from None
     signal = to_float_rows(data)
     if rate < 1 or signal.size == 0 or signal.shape[1] < 2 or not np.isfinite(signal).all():
         raise ValueError(f"{path} holds no usable sound; it needs a sample rate and 2 finite samples at least.")
