@@ -56,6 +56,32 @@ TEST(ComplexFftKernel, WholeTextsMatchTheGoldenFiles) {
   }
 }
 
+TEST(ComplexFftKernel, TheDocumentationQuotesTheTextAsItIs) {
+  const ComplexFftKernel kernel{
+      .n = 64, .compute = kFloat, .storage = kFloat, .tpf = 16, .rows_per_block = 4};
+  const std::string text = complex_fft_source(kernel, hip);
+  std::ifstream page(std::string(KEVRA_GOLDEN_FOLDER) + "/../../docs/kernels.md");
+  std::string line;
+  std::string quotation;
+  size_t at = 0;  // quotations follow each other as the kernel does
+  int quotations = 0;
+  for (bool quoting = false; std::getline(page, line);) {
+    if (quoting && line == "```") {
+      at = text.find(quotation, at);
+      ASSERT_NE(at, std::string::npos) << "not in the kernel:\n" << quotation;
+      at += quotation.size();
+      quotation.clear();
+      ++quotations;
+      quoting = false;
+    } else if (quoting) {
+      quotation += line + "\n";
+    } else {
+      quoting = line == "```cpp";
+    }
+  }
+  EXPECT_GT(quotations, 8);
+}
+
 TEST(ComplexFftKernel, EveryVariantHasItsOwnKey) {
   EXPECT_EQ((ComplexFftKernel{600, kFloat, kHalf, true, 75, 2, true, true}).key(),
             "cfft_600_1_0_i_75x2_pr");
