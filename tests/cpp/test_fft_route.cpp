@@ -1,0 +1,215 @@
+// Which kernel a complex transform takes, with and without wishes.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <functional>
+#include <numeric>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "codegen/sizes.h"
+#include "cuda_like/ops/fft.h"
+#include "cuda_like/ops/fft_route.h"
+
+namespace kevra::ops {
+namespace {
+
+using codegen::ShapeHint;
+
+constexpr int64_t kLimit = 65536;
+constexpr int64_t kLarge = 163840;  // for sizes whose kernels need more than kLimit
+
+// The forms of data by their names in the rows below.
+FftShape shape_of(int n, const std::string& data, bool inverse = false) {
+  const bool packed = data == "packed";
+  return {n, data == "double", inverse, packed || data == "half", packed};
+}
+
+// A route in one line: the form, and what tells its kernel from others.
+std::string spelled(const FftRoute& r) {
+  std::string text = fft_form_name(r.form);
+  if (r.form == FftForm::kShared) {
+    const auto& k = r.shared;
+    return text + " " + std::to_string(k.tpf) + "x" + std::to_string(k.rows_per_block) +
+           (k.padded ? " padded" : "") + (k.radix25 ? " radix25" : "");
+  }
+  if (r.registers.rows == 0) return text;
+  text += " [";
+  for (int radix : r.registers.radices) text += std::to_string(radix) + " ";
+  text.back() = ']';
+  return text + " x" + std::to_string(r.registers.rows) + " " +
+         std::to_string(r.registers.shared_bytes) + (r.registers.window_layout ? " windows" : "") +
+         (r.registers.half_exchange ? " half exchange" : "");
+}
+
+TEST(FftRoute, TakesTheKernelOfItsSize) {
+  struct Row {
+    int n;
+    const char* data;
+    const char* route;
+    int64_t limit = kLimit;
+  };
+  const Row rows[] = {
+      {1, "float", "shared-memory 16x4"},
+      {12, "double", "shared-memory 16x8"},
+      {64, "float", "two-pass register [8 8] x4 2304"},
+      {256, "double", "two-pass register [16 16] x4 17408"},
+      {121, "double", "two-pass register [11 11] x8 16896"},
+      {169, "double", "two-pass register [13 13] x12 34944"},
+      {169, "float", "shared-memory 21x6"},
+      {343, "double", "three-pass register [7 7 7] x6 32928"},
+      {343, "float", "shared-memory 42x3"},
+      {1331, "double", "three-pass register [11 11 11] x2 42592"},
+      {512, "packed", "packed-pair register [16 16 2] x2 2304 windows"},
+      {4096, "packed", "packed-pair register [32 16 8] x2 17024 windows"},
+      {512, "float", "register [16 16 2] x1 2304 windows"},
+      {512, "half", "register [16 16 2] x1 2304 windows"},
+      {1024, "float", "shared-memory 128x1"},
+      {1024, "half", "register [16 16 4] x1 4480 windows"},
+      {2048, "double", "register [8 8 8 4] x1 18688 windows"},
+      {8192, "float", "register [32 16 16] x1 33920 windows"},
+      {8192, "double", "four-step"},
+      {8192, "double", "register [8 8 8 8 2] x1 73984 windows", kLarge},
+      {96, "float", "register [12 4 2] x8 4352 windows"},
+      {96, "double", "register [12 4 2] x8 8704 windows"},
+      {384, "double", "register [6 2 2 2 2 2 2] x1 3840 windows"},
+      {625, "float", "register [5 5 5 5] x1 3128 windows"},
+      {1000, "float", "register [10 10 10] x1 4528 windows"},
+      {720, "double", "shared-memory 45x2"},
+      {3125, "double", "shared-memory 128x1"},
+      {3125, "float", "shared-memory 256x1"},
+      {127, "float", "Bluestein"},
+      {8000, "float", "shared-memory 256x1"},
+      {8800, "float", "four-step"},
+      {8800, "float", "shared-memory 256x1", kLarge},
+      {16384, "float", "four-step"},
+      {16384, "float", "shared-memory 256x1", kLarge},
+      {16384, "double", "four-step", INT64_MAX / 64},
+      {32768, "float", "four-step", INT64_MAX / 64},
+      {16384, "half", "shared-memory 256x1"},
+      {2147483640, "double", "four-step"},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(spelled(route_fft(shape_of(row.n, row.data), {}, row.limit)), row.route)
+        << row.n << " " << row.data;
+  }
+  EXPECT_EQ(route_fft(shape_of(512, "packed", true), {}, kLimit).form, FftForm::kRegister);
+}
+
+TEST(FftRoute, FollowsWishesThatItCanHonour) {
+  struct Row {
+    int n;
+    const char* data;
+    ShapeHint hint;
+    const char* route;
+    int64_t limit = kLimit;
+  };
+  const Row rows[] = {
+      {64, "float", {.core = 1}, "shared-memory 16x4"},
+      {512, "packed", {.core = 1}, "shared-memory 64x1"},
+      {1000, "double", {.core = 1}, "shared-memory 125x1"},
+      {1024, "float", {.core = 2}, "register [16 16 4] x1 8712"},
+      {1024, "float", {.core = 2, .var = 8}, "register [16 16 4] x1 4480 windows"},
+      {1024, "half", {.var = 2}, "register [16 16 4] x1 2240 windows half exchange"},
+      {1024, "half", {.var = 10}, "register [16 16 4] x1 8712"},
+      {8, "float", {.core = 2}, "register [8] x1 72"},
+      {2, "double", {.core = 2}, "register [2] x1 48"},
+      {1, "float", {.core = 2}, "shared-memory 16x4"},
+      {72, "float", {.core = 2}, "register [24 3] x21 8988 windows"},
+      {22, "double", {.core = 2}, "shared-memory 16x8"},
+      {4096, "float", {.ept = 20}, "register [16 16 16] x1 17536 windows"},
+      {4096, "float", {.ept = 8}, "register [8 8 8 8] x1 18560 windows"},
+      {4096, "float", {.ept = 1}, "shared-memory 256x1"},
+      {4096, "float", {.ept = INT_MAX}, "shared-memory 256x1"},
+      {1000, "float", {.ept = 1}, "shared-memory 125x1"},
+      {1000, "float", {.ept = 20}, "register [20 10 5] x1 4328 windows"},
+      {64, "float", {.fpb = 2}, "two-pass register [8 8] x2 1152"},
+      {64, "float", {.fpb = INT_MAX}, "two-pass register [8 8] x113 65088"},
+      {1331, "double", {.fpb = 5}, "shared-memory 166x3"},
+      {8192, "double", {.var = 8}, "register [8 8 8 8 2] x1 139280", kLarge},
+      {360, "float", {.fpb = 3, .tpf = 30}, "shared-memory 30x3"},
+      {360, "float", {.tpf = INT_MAX}, "shared-memory 1024x1"},
+      {360, "float", {.fpb = INT_MAX}, "shared-memory 45x22"},
+      {600, "float", {.var = 5}, "shared-memory 75x1 padded radix25"},
+      {600, "float", {-1, INT_MIN, -1, -1, -1}, "shared-memory 75x1"},
+      {34, "double", {.var = 5}, "shared-memory 16x8"},
+      {8000, "float", {.var = 4}, "shared-memory 256x1"},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(spelled(route_fft(shape_of(row.n, row.data), row.hint, row.limit)), row.route)
+        << row.n << " " << row.data;
+  }
+}
+
+void check_route(const FftShape& s, const ShapeHint& h, int64_t limit) {
+  const FftRoute r = route_fft(s, h, limit);
+  const int64_t row = int64_t(s.n + codegen::rader_extra(s.n)) * s.complex_bytes();
+  int64_t threads = 1;
+  int64_t bytes = 0;
+  if (r.form == FftForm::kShared) {
+    threads = int64_t{r.shared.tpf} * r.shared.rows_per_block;
+    bytes = static_cast<int64_t>(r.shared.shared_bytes());
+    ASSERT_GE(std::min(r.shared.tpf, r.shared.rows_per_block), 1);
+  } else if (r.registers.rows != 0) {
+    const auto& radices = r.registers.radices;
+    threads = int64_t{s.n} / r.registers.ept * (r.form == FftForm::kPair ? 1 : r.registers.rows);
+    bytes = static_cast<int64_t>(r.registers.shared_bytes);
+    ASSERT_NE(h.core, 1);
+    ASSERT_EQ(std::accumulate(radices.begin(), radices.end(), 1, std::multiplies<>()), s.n);
+    ASSERT_EQ(radices.front(), r.registers.ept);
+    for (int radix : radices) ASSERT_TRUE(radix >= 2 && radix <= r.registers.ept);
+  }
+  ASSERT_GE(threads, 1);
+  ASSERT_LE(threads, 1024);
+  ASSERT_TRUE(bytes <= limit || row > limit) << bytes << " bytes";
+}
+
+TEST(FftRoute, KeepsWithinBlockAndMemoryWhateverIsWished) {
+  std::vector<ShapeHint> hints;
+  for (int core : {-1, 0, 1, 2, 99}) {
+    for (int wish : {INT_MIN, -1, 0, 1, 3, 7, 64, 1024, INT_MAX}) {
+      hints.push_back({.ept = wish, .core = core});
+      hints.push_back({.fpb = wish, .core = core});
+      hints.push_back({.tpf = wish, .core = core});
+      hints.push_back({.core = core, .var = wish});
+      hints.push_back({wish, wish, wish, core, wish});
+    }
+  }
+  std::vector<int> sizes(66);
+  std::iota(sizes.begin(), sizes.end(), 1);
+  for (int n : {169,  256,  343,  384,  512,  625,  720,   1000,  1024,  1331,       2048,   3125,
+                4096, 4913, 7999, 8000, 8192, 8200, 16384, 32768, 99225, 2147483640, INT_MAX}) {
+    sizes.push_back(n);
+  }
+  for (int n : sizes) {
+    for (const char* data : {"float", "double", "half", "packed"}) {
+      for (int64_t limit : {int64_t{16384}, kLimit, kLarge}) {
+        for (const ShapeHint& h : hints) {
+          SCOPED_TRACE(testing::Message()
+                       << n << " " << data << ", limit " << limit << ", wish " << h.ept << " "
+                       << h.fpb << " " << h.tpf << " " << h.core << " " << h.var);
+          ASSERT_NO_FATAL_FAILURE(check_route(shape_of(n, data), h, limit));
+        }
+      }
+    }
+  }
+}
+
+// The register kernels are not built yet, so the wish for one shows as a failure.
+TEST(FftDispatch, AnOverrideComesBeforePlansAndLeavesNone) {
+  select_device(0);
+  DeviceBuffer x(40 * sizeof(float) * 2, nullptr);
+  FftCall plain{.x = x.p, .out = x.p, .rows = 1, .n = 40};
+  FftCall overridden = plain;
+  const ShapeHint register_kernel{.core = 2};
+  overridden.override = &register_kernel;
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_THROW(fft_dispatch<float>(overridden), std::runtime_error);
+    EXPECT_NO_THROW(fft_dispatch<float>(plain));
+  }
+  KEVRA_CHECK(deviceSynchronize());
+}
+
+}  // namespace
+}  // namespace kevra::ops
