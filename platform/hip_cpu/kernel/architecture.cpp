@@ -1,11 +1,18 @@
 #include "kernel/architecture.h"
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 
 #include "common/settings.h"
 #include "kernel/hash.h"
 #include "kernel/toolchain.h"
+
+namespace fs = std::filesystem;
 
 namespace kevra_cpu {
 
@@ -45,17 +52,52 @@ std::string compiler_name() {
   return processor + "-" + short_hash(features);
 }
 
-std::string processor_flags_name() {
+// What the kernel says the processor can do; the empty string where it does not tell.
+std::string processor_flags() {
   std::ifstream file("/proc/cpuinfo");
   for (std::string line; std::getline(file, line);)
-    if (line.rfind("flags", 0) == 0 || line.rfind("Features", 0) == 0)
-      return short_hash(hash_text(line));
-  return "unknown";
+    if (line.rfind("flags", 0) == 0 || line.rfind("Features", 0) == 0) return line;
+  return {};
+}
+
+// Where the compiler's answer is kept: the dry run costs 20 ms, twenty times what the first call
+// of a process costs otherwise. Another compiler, processor or user has a file of its own.
+fs::path answer_file() {
+  std::error_code failed;
+  const fs::path folder = fs::temp_directory_path(failed);
+  const auto changed = fs::last_write_time(clang_path(), failed).time_since_epoch().count();
+  uint64_t key = hash_text(processor_flags());
+  key = hash_text(clang_path() + std::to_string(changed) + "/" + std::to_string(getuid()), key);
+  return folder / ("kevra_cpu_processor_" + short_hash(key));
+}
+
+bool is_name(const std::string& text) {
+  const auto fits = [](unsigned char c) { return std::isalnum(c) || c == '-' || c == '_'; };
+  return !text.empty() && text.size() < 100 && std::all_of(text.begin(), text.end(), fits);
+}
+
+// A file that cannot be written costs the next process another dry run, nothing else.
+void keep_answer(const fs::path& file, const std::string& name) {
+  const fs::path temporary = file.string() + "." + std::to_string(getpid());
+  std::error_code failed;
+  if (std::ofstream(temporary) << name << '\n') fs::rename(temporary, file, failed);
+  fs::remove(temporary, failed);
+}
+
+std::string kept_compiler_name() {
+  if (clang_path().empty()) return {};
+  const fs::path file = answer_file();
+  std::string name;
+  std::getline(std::ifstream(file) >> std::ws, name);
+  if (is_name(name)) return name;
+  name = compiler_name();
+  if (is_name(name)) keep_answer(file, name);
+  return name;
 }
 
 std::string make_name() {
-  std::string name = compiler_name();
-  if (name.empty()) name = processor_flags_name();
+  std::string name = kept_compiler_name();
+  if (name.empty()) name = short_hash(hash_text(processor_flags()));
   return "cpu-" + name + (settings().check ? "-check" : "");
 }
 
