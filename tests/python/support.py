@@ -61,12 +61,13 @@ class Device:
             self.call("hipFree", block)
 
     def call(self, name, *arguments):
-        status = self.hip.hipSetDevice(self.index) or getattr(self.hip, name)(*arguments)
+        status = getattr(self.hip, name)(*arguments)
         if status != 0:
             raise HipFailure(f"{name}{arguments} gave {status}")
 
     def empty(self, count, dtype):
         block = ctypes.c_void_p()
+        self.call("hipSetDevice", self.index)
         self.call("hipMalloc", ctypes.byref(block), ctypes.c_size_t(count * np.dtype(dtype).itemsize))
         self.blocks.append(block)
         return block.value
@@ -86,6 +87,7 @@ class Device:
 
     def stream(self, flags=0):
         handle = ctypes.c_void_p()
+        self.call("hipSetDevice", self.index)
         self.call("hipStreamCreateWithFlags", ctypes.byref(handle), ctypes.c_uint(flags))
         self.streams.append(handle)
         return handle.value

@@ -1,9 +1,9 @@
 """Code objects on disk: their names, many processes at once, folders that do not serve, damaged files."""
 
+import functools
 import os
 import re
 import shutil
-import sys
 from pathlib import Path
 
 import kevra
@@ -16,10 +16,9 @@ WANT = rms_reference(Y, 24, 512, 128, True)
 GOLDEN = Path(__file__).parents[1] / "golden" / "rms_float.hip"
 
 
-def works(before=None):
-    """Whether rms gives the right result in this process; the text of a RuntimeError otherwise."""
-    if before is not None:
-        before()
+def works(before=lambda: None):
+    """True when rms gives the right result in this process; the text of a RuntimeError otherwise."""
+    before()
     try:
         got = kevra.rms_staged(Y, 512, 128, True)
     except RuntimeError as error:
@@ -77,15 +76,10 @@ def test_folders_of_every_name_keep_the_object(tmp_path, without_hiprtc, name):
     assert fresh(works, env={**environment, **without_hiprtc}) is True
 
 
-def works_in(folder):
-    os.chdir(folder)
-    return works()
-
-
 def test_an_empty_variable_is_the_working_folder_and_none_the_temporary_one(tmp_path):
     for variables, root in ({"KEVRA_CACHE_DIR": ""}, tmp_path), (
             {"KEVRA_CACHE_DIR": None, "TMPDIR": tmp_path}, tmp_path / "kevra_cache"):
-        assert fresh(works_in, tmp_path, env=variables) is True
+        assert fresh(works, functools.partial(os.chdir, tmp_path), env=variables) is True
         assert objects(root) == [object_name()]
 
 
@@ -124,34 +118,20 @@ def damages(code):
     yield "empty", b""
     yield "garbage", np.random.default_rng(3).bytes(5000)
     yield "text", b"not an object\n"
-    yield "twice", code + code
+    yield "behind a whole one", code + b"more"
     for length in [1, 3, 4, 16, 63, 64, 65, 4095, 4096, 4097, size - 1, *range(200, size, size // 12)]:
         yield f"first {length} of {size} bytes", code[:length]
     for at in [*range(0, 64, 3), *range(64, size, size // 40), *range(size - 128, size, 17)]:
         yield f"byte {at} of {size} flipped", code[:at] + bytes([code[at] ^ 0xFF]) + code[at + 1:]
 
 
-def works_without_hiprtc(root, cases):
-    """Each damage in a process forked here: its outcome, or how the process died."""
-    outcomes = {}
-    for case, content in cases:
-        child = os.fork()
-        if child == 0:
-            try:
-                os.environ.update({name: str(value) for name, value in put(Path(root) / case, content).items()})
-                outcome = works()
-                os._exit(0 if outcome is True else 1 if "hipRTC" in outcome else 2)
-            except BaseException:
-                os._exit(3)
-        outcomes[case] = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
-    return outcomes
-
-
 def test_damaged_objects_are_never_used(tmp_path, compiled, without_hiprtc):
-    cases = list(damages(compiled))
-    outcomes = fresh(works_without_hiprtc, tmp_path, cases, env=without_hiprtc)
-    # 1: refused, so a compiler is asked for. What stands behind a whole object does not matter.
-    assert {case: outcome for case, outcome in outcomes.items() if outcome != 1} == {"twice": 0}
+    started = {case: Fresh(works, env={**without_hiprtc, **put(tmp_path / case, content)})
+               for case, content in damages(compiled)}
+    outcomes = {case: process.result()[0] for case, process in started.items()}
+    # Refused, so that a compiler is asked for. What stands behind a whole object does not matter.
+    assert outcomes.pop("behind a whole one") is True
+    assert {case: outcome for case, outcome in outcomes.items() if "hipRTC" not in str(outcome)} == {}
 
 
 @pytest.mark.parametrize("kind", ["empty", "garbage", "first 64 of", "byte 0 of", "byte 99"])

@@ -20,6 +20,7 @@ NAMES = sorted(
 
 OWN_CALL = "a call of the test's own"
 NO_DEVICE = "no HIP device available"
+COMPILE_FAILED = "kevra kernel compile failed:\n\n?kernel kevra_rms, options: none\n(?s:.*)"
 RUNTIME = r"::kevra::hip_dl::api\(\)\."
 # The text for each failing call; None where the failure is made good or does not matter.
 TEXTS = {
@@ -42,7 +43,7 @@ TEXTS = {
                              r"shared,\s+stream, args, nullptr\) \[kevra_rms\] failed: WORDS",
     "hiprtcCreateProgram": r"src/rocm/compile:\d+: rtc\.CreateProgram\(&prog_?, source\.c_str\(\), \(\w+ \+ \"\.hip\"\)"
                            r"\.c_str\(\), 0, nullptr,\s+nullptr\) failed: WORDS",
-    "hiprtcCompileProgram": "kevra kernel compile failed:\n(?s:.*)",
+    "hiprtcCompileProgram": COMPILE_FAILED,
     "hiprtcGetCodeSize": r"src/rocm/compile:\d+: rtc_?\.GetCodeSize\(prog_?, &codeSize\) failed: WORDS",
     "hiprtcGetCode": r"src/rocm/compile:\d+: rtc_?\.GetCode\(prog_?, code\.data\(\)\) failed: WORDS",
     "hiprtcDestroyProgram": None,
@@ -55,8 +56,8 @@ COMBINED = [
     ("hipMemcpyHtoD:1,hipGetErrorString:1", TEXTS["hipMemcpyHtoD"].replace("WORDS", "unknown HIP error")),
     ("hipModuleLoadData:1,hipGetErrorString:1", TEXTS["hipModuleLoadData"].replace("WORDS", "unknown HIP error")),
     ("hiprtcGetCode:1,hiprtcGetErrorString:1", TEXTS["hiprtcGetCode"].replace("WORDS", "unknown hipRTC error")),
-    ("hiprtcCompileProgram:1,hiprtcGetProgramLogSize:1", "kevra kernel compile failed:\n"),
-    ("hiprtcCompileProgram:1,hiprtcGetProgramLog:1", "kevra kernel compile failed:\n"),
+    ("hiprtcCompileProgram:1,hiprtcGetProgramLogSize:1", COMPILE_FAILED),
+    ("hiprtcCompileProgram:1,hiprtcGetProgramLog:1", COMPILE_FAILED),
 ]
 
 X = np.random.default_rng(5).standard_normal((3, 1000)).astype(np.float32)
