@@ -115,7 +115,7 @@ Names symmetric_prime(KernelWriter& w, const Names& x, int r, bool conjugate) {
 Names composite(KernelWriter& w, const Names& x, int r, bool conjugate) {
   Names a = x;
   int done = 1;  // length of the sub-transforms behind us
-  for (int p : prime_factors(r)) {
+  for (const int p : prime_factors(r)) {
     const int length = p * done;
     const int m = r / p;
     Names b(r);

@@ -73,9 +73,9 @@ std::string child_text(const Node& parent, const Expr& child, bool right) {
 }  // namespace
 
 Expr::Expr(int64_t value)
-    : node(std::make_shared<const Node>(Node{Node::kLiteral, value, "", {}})) {}
+    : node(std::make_shared<const Node>(Node{.kind = Node::kLiteral, .value = value})) {}
 Expr::Expr(std::string name)
-    : node(std::make_shared<const Node>(Node{Node::kName, 0, std::move(name), {}})) {}
+    : node(std::make_shared<const Node>(Node{.kind = Node::kName, .text = std::move(name)})) {}
 
 std::string Expr::to_text() const {
   const Node& n = *node;
@@ -100,7 +100,7 @@ Expr binary(Node::Kind kind, const Expr& a, const Expr& b) {
   if (a.node->kind == Node::kLiteral && b.node->kind == Node::kLiteral) {
     return {fold(kind, a.node->value, b.node->value)};
   }
-  return make({kind, 0, "", {a, b}});
+  return make({.kind = kind, .children = {a, b}});
 }
 Expr operator+(const Expr& a, const Expr& b) {
   return binary(Node::kAdd, a, b);
@@ -119,13 +119,13 @@ Expr operator%(const Expr& a, const Expr& b) {
 }
 
 Expr negate(const Expr& a) {
-  return make({Node::kNegate, 0, "", {a}});
+  return make({.kind = Node::kNegate, .children = {a}});
 }
 Expr index(const Expr& base, const Expr& subscript) {
-  return make({Node::kIndex, 0, "", {base, subscript}});
+  return make({.kind = Node::kIndex, .children = {base, subscript}});
 }
 Expr member(const Expr& a, const std::string& field) {
-  return make({Node::kMember, 0, field, {a}});
+  return make({.kind = Node::kMember, .text = field, .children = {a}});
 }
 
 }  // namespace kevra::codegen

@@ -40,9 +40,9 @@ struct Node {
     kMember = 9,
   };
   Kind kind;
-  int64_t value = 0;           // of a literal
-  std::string text;            // identifier of a name, field of a member
-  std::vector<Expr> children;  // operands; base and subscript of an index
+  int64_t value = 0;             // of a literal
+  std::string text{};            // identifier of a name, field of a member
+  std::vector<Expr> children{};  // operands; base and subscript of an index
 };
 
 // Two literals fold, on 64-bit integers truncating toward zero; anything else stays as written.

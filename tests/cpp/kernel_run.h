@@ -1,6 +1,7 @@
 // Runs kernel texts on the device at hand, and the transforms that their results are held against.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <complex>
 #include <numbers>
@@ -91,15 +92,13 @@ struct Launch {
   unsigned grid;
   unsigned block;
   size_t shared;
-  unsigned grid_y = 1;
 };
 
 template <class... Args>
 void run_text(const std::string& text, const Launch& launch, Args... args) {
   const kevra::kernel_t fn = kevra::compile_function(kevra::select_device(0), text, launch.name);
   void* list[] = {&args...};
-  kevra::launch_kernel(fn, launch.grid, launch.grid_y, launch.block, launch.shared, list,
-                       launch.name, nullptr);
+  kevra::launch_kernel(fn, launch.grid, 1, launch.block, launch.shared, list, launch.name, nullptr);
 }
 
 // A kernel `probe(x, out, tw)` on complex values around a body that finds the thread in `tid`.

@@ -116,19 +116,6 @@ TEST(StageTwiddles, AreTheRootsAndLongChainsKeepTheirAccuracy) {
   }
 }
 
-TEST(StageTwiddles, ARadixUpToSixteenCostsOneSincosAndATableNone) {
-  for (bool table : {false, true}) {
-    KernelWriter w(table ? kDouble : kFloat, backend());
-    if (table) w.twiddle_tables.push_back({256, "tw"});
-    std::vector<std::string> g(16, "x");
-    stage_twiddles(w, g, "ii", 256, 16, false);
-    const std::string text = w.str();
-    const size_t first = text.find("sincos");
-    EXPECT_EQ(first == std::string::npos, table);
-    EXPECT_EQ(text.find("sincos", first + 1), std::string::npos);
-  }
-}
-
 TEST(Rader, MapsArePermutationsAndTheFilterHasTheModulusOfAGaussSum) {
   EXPECT_EQ(primitive_root(17), 3);
   EXPECT_EQ(primitive_root(23), 5);
