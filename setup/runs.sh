@@ -88,13 +88,18 @@ run_release() {
   [ -z "$py" ] || run_pytest "$1"
 }
 
+# Sanitized objects take twice as long to compile with full optimisation as with little, and the compiler's warnings
+# about them are often false.
 run_sanitized() {
-  if ! build_tree sanitize all -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEVRA_SANITIZE=ON -DKEVRA_TESTS=ON; then
+  if ! build_tree sanitize all -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O1 -DKEVRA_SANITIZE=ON \
+    -DKEVRA_TESTS=ON -DKEVRA_WERROR=OFF; then
     broken+=("sanitized build")
     return 0
   fi
   device_switches "$1" "$2"
   fresh_cache
+  # The leak checker of g++ 12 takes thread-local memory of libraries loaded late for a range of wild addresses.
+  export ASAN_OPTIONS=intercept_tls_get_addr=0${ASAN_OPTIONS:+:$ASAN_OPTIONS}
   run_cpp sanitized
 }
 
