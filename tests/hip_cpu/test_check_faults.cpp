@@ -83,7 +83,7 @@ TEST(CheckFaults, EveryFaultIsToldByKernelBlockAndThread) {
          {"race", "thread (1,0,0) writes shared memory at byte 4, which other threads read",
           "since the one of line 15"});
   expect("static_race", run("static_race", {}, 0, p),
-         {"race", "thread (7,0,0) writes shared memory", "thread (6,0,0) read"});
+         {"race", "thread (7,0,0) writes static shared memory at byte 0", "thread (6,0,0) read"});
   expect("block_race", run("block_race", {2}, 0, p),
          {"race", "block (1,0,0), thread (0,0,0) writes byte 0", "block (0,0,0) wrote"});
   expect("block_read", kernels.run("block_read", {4}, {64}, 0, p),

@@ -92,7 +92,8 @@ TEST(KernelLanguage, SharedMemoryHoldsReductionsOfEveryWidth) {
 extern "C" __global__ void total(const float* x, double* out, int n) {
   extern __shared__ char smem[];
   double* sums = (double*)smem;
-  __shared__ int visits[4];
+  __shared__ unsigned long long unused[3][2];
+  __shared__ int __align__(16) visits[4];
   int tid = threadIdx.x;
   if (tid < 4) visits[tid] = 0;
   double sum = 0;

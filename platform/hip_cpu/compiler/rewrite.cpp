@@ -56,16 +56,17 @@ class Rewriter {
       ++name;
     }
     const size_t open = name + 1;
+    if (open >= tokens_.size()) return open;  // the compiler says what is missing
     const size_t close = closing(open);
     const size_t body = close + 1;
-    if (body >= tokens_.size()) return tokens_.size() - 1;  // the compiler says what is missing
+    if (body >= tokens_.size()) return body;
 
     const bool has_body = is(tokens_[body], "{");
     const size_t end = has_body ? closing(body) : body;
     const bool suspends =
         macro_waits_ || std::any_of(tokens_.begin() + body, tokens_.begin() + end, waits);
     head(first, name, suspends, close == open + 1);
-    if (has_body && end < tokens_.size()) {
+    if (has_body) {
       rewrite_body(body, end, suspends);
       insert_behind(end,
                     " KEVRA_CPU_KERNEL(" + std::string(tokens_[name].text) + ", (" + bound + "));");
@@ -83,30 +84,48 @@ class Rewriter {
   }
 
   void rewrite_body(size_t body, size_t end, bool suspends) {
+    std::string statics_end = "0";  // bytes of static shared memory that are taken
     for (size_t i = body; i < end; ++i) {
       if (tokens_[i].in_directive) continue;
       if (suspends && is(tokens_[i], "return")) replace(i, i, "co_return");
-      if (is(tokens_[i], "extern") && is(tokens_[i + 1], "__shared__")) i = shared_array(i, end);
+      if (is(tokens_[i], "extern") && is(tokens_[i + 1], "__shared__"))
+        i = shared_declaration(i, i + 2, end, nullptr);
+      else if (is(tokens_[i], "__shared__"))
+        i = shared_declaration(i, i + 1, end, &statics_end);
     }
   }
 
-  // extern __shared__ <type> <name> [ ] ;
-  size_t shared_array(size_t at, size_t end) {
-    size_t bracket = at + 2;
-    while (bracket < end && !is(tokens_[bracket], "[") && !is(tokens_[bracket], ";")) ++bracket;
-    if (bracket + 2 >= end || !is(tokens_[bracket + 1], "]") || bracket < at + 4) return at;
-    std::string type;
-    for (size_t i = at + 2; i < bracket - 1; ++i) {
-      if (is(tokens_[i], "__align__") || is(tokens_[i], "alignas")) {
-        i = closing(i + 1);  // the block's shared memory is aligned for all types
-        continue;
-      }
-      type.append(tokens_[i].text).append(" ");
+  // <type> <name> <dimensions> ; from `type` on becomes a typedef for the array and a place in
+  // shared memory: static arrays lie one behind the other, a dynamic one is all there is.
+  size_t shared_declaration(size_t at, size_t type, size_t end, std::string* statics_end) {
+    size_t last = type;
+    while (last < end && !is(tokens_[last], ";")) ++last;
+    size_t bracket = type;
+    while (bracket < last && !is(tokens_[bracket], "[")) ++bracket;
+    if (last == end || bracket < type + 2) return at;  // the compiler says what is wrong
+    const std::string name(tokens_[bracket - 1].text);
+    std::string text = "typedef " + words(type, bracket - 1) + "kevra_type_" + name + " " +
+                       words(bracket, last) + "; ";
+    if (statics_end == nullptr) {
+      text += "KEVRA_CPU_DYNAMIC_SHARED(" + name + ")";
+    } else {
+      text += "KEVRA_CPU_STATIC_SHARED(" + name + ", " + *statics_end + ")";
+      *statics_end = "kevra_end_" + name;
     }
-    replace(at, bracket + 1,
-            type + "* const " + std::string(tokens_[bracket - 1].text) + " = reinterpret_cast<" +
-                type + "*>(kevra_thread.block->shared)");
-    return bracket + 1;
+    replace(at, last - 1, std::move(text));
+    return last;
+  }
+
+  // The tokens from `begin` up to `end`, without alignments: shared memory suits all types.
+  std::string words(size_t begin, size_t end) const {
+    std::string text;
+    for (size_t i = begin; i < end; ++i) {
+      if (is(tokens_[i], "__align__") || is(tokens_[i], "alignas"))
+        i = closing(i + 1);
+      else
+        text.append(tokens_[i].text).append(" ");
+    }
+    return text;
   }
 
   // The mark that closes the one at `open`. The branches of an #if open and close the same, so
@@ -134,14 +153,11 @@ class Rewriter {
   }
 
   std::string first_argument(size_t begin, size_t close) const {
-    std::string text;
     int depth = 0;
-    for (size_t i = begin; i < close; ++i) {
-      if (depth == 0 && is(tokens_[i], ",")) break;
-      depth += is(tokens_[i], "(") - is(tokens_[i], ")");
-      text.append(tokens_[i].text).append(" ");
-    }
-    return text;
+    size_t end = begin;
+    for (; end < close && (depth != 0 || !is(tokens_[end], ",")); ++end)
+      depth += is(tokens_[end], "(") - is(tokens_[end], ")");
+    return words(begin, end);
   }
 
   size_t end_of(size_t token) const { return tokens_[token].offset + tokens_[token].text.size(); }

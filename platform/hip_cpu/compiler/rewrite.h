@@ -1,7 +1,6 @@
 // Kernel text made into C++ that the device header completes. Three things change: the head of
 // a kernel gains the thread as its first parameter, `return` in a kernel that waits becomes
-// `co_return`, and a dynamic shared array becomes a pointer to the block's shared memory. Line
-// numbers stay.
+// `co_return`, and a shared array becomes a place in the block's shared memory. Line numbers stay.
 #pragma once
 
 #include <string>

@@ -24,33 +24,30 @@ AddressRange stack_of_this_thread() {
 
 namespace {
 
-struct ObjectSearch {
+struct ImageSearch {
   uintptr_t code;
-  ObjectRanges found;
+  AddressRange found;
 };
 
 int look_at_object(dl_phdr_info* object, size_t, void* data) {
-  auto& search = *static_cast<ObjectSearch*>(data);
-  ObjectRanges ranges{{UINTPTR_MAX, 0}, {}};
+  auto& search = *static_cast<ImageSearch*>(data);
+  AddressRange image{UINTPTR_MAX, 0};
   for (int i = 0; i < object->dlpi_phnum; ++i) {
     const auto& header = object->dlpi_phdr[i];
-    if (header.p_type == PT_LOAD) {
-      const uintptr_t begin = object->dlpi_addr + header.p_vaddr;
-      ranges.image.begin = std::min(ranges.image.begin, begin);
-      ranges.image.end = std::max(ranges.image.end, begin + header.p_memsz);
-    } else if (header.p_type == PT_TLS && object->dlpi_tls_data != nullptr) {
-      ranges.thread_local_variables = range_of(object->dlpi_tls_data, header.p_memsz);
-    }
+    if (header.p_type != PT_LOAD) continue;
+    const uintptr_t begin = object->dlpi_addr + header.p_vaddr;
+    image.begin = std::min(image.begin, begin);
+    image.end = std::max(image.end, begin + header.p_memsz);
   }
-  if (!ranges.image.holds(search.code, 1)) return 0;
-  search.found = ranges;
+  if (!image.holds(search.code, 1)) return 0;
+  search.found = image;
   return 1;
 }
 
 }  // namespace
 
-ObjectRanges object_ranges(const void* code) {
-  ObjectSearch search{reinterpret_cast<uintptr_t>(code), {}};
+AddressRange image_of(const void* code) {
+  ImageSearch search{reinterpret_cast<uintptr_t>(code), {}};
   dl_iterate_phdr(look_at_object, &search);
   return search.found;
 }

@@ -22,12 +22,8 @@ AddressRange range_of(const void* p, size_t bytes);
 // The calling thread's stack.
 AddressRange stack_of_this_thread();
 
-// The loaded object that holds `code`: its image, and the calling thread's copy of its
-// thread-local variables, where static shared arrays live. The copy exists from first use on.
-struct ObjectRanges {
-  AddressRange image, thread_local_variables;
-};
-ObjectRanges object_ranges(const void* code);
+// The image of the loaded object that holds `code`.
+AddressRange image_of(const void* code);
 
 // Live allocations, with the last one found remembered: a kernel stays with a few.
 class AllocationLookup {

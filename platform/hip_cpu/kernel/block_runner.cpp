@@ -19,6 +19,8 @@ using kevra_cpu_device::PlaceKind;
 
 namespace {
 
+// Between dynamic and static shared memory, so that an overrun does not end in the other.
+constexpr size_t shared_gap = 4096;
 constexpr size_t alignment = 128;          // of shared memory and of the first frame
 constexpr size_t chunk_bytes = 256 << 10;  // frames of a 1024-thread block, a few words each
 
@@ -72,12 +74,14 @@ bool BlockRunner::owns(uintptr_t address, size_t bytes) const {
 void BlockRunner::prepare(const Launch& launch, Dim3 index) {
   launch_ = &launch;
   threads_ = static_cast<unsigned>(count_of(launch.block));
-  if (shared_.size() < launch.shared_bytes + alignment)
-    shared_.resize(launch.shared_bytes + alignment);
+  const size_t shared_bytes = launch.shared_bytes + shared_gap;
+  const size_t room = shared_bytes + kevra_cpu_device::static_shared_bytes + 2 * alignment;
+  if (shared_.size() < room) shared_.resize(room);
   block_.index = as_index(index);
   block_.size = as_index(launch.block);
   block_.grid = as_index(launch.grid);
   block_.shared = aligned(shared_.data());
+  block_.static_shared = aligned(block_.shared + shared_bytes);
   block_.arguments = reinterpret_cast<const char*>(launch.arguments.data());
   block_.frames_next = block_.frames_end = nullptr;
   block_.shuffle_round = 0;

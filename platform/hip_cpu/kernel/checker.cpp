@@ -89,8 +89,7 @@ Checker::Checker(const Launch& launch, const BlockRunner& runner)
     : launch_(launch),
       runner_(runner),
       stack_(stack_of_this_thread()),
-      code_(reinterpret_cast<const void*>(launch.kernel->entry().start)),
-      object_(object_ranges(code_)),
+      image_(image_of(reinterpret_cast<const void*>(launch.kernel->entry().start))),
       profile_(!settings().profile.empty()) {
   device_races().begin_launch(count_of(launch.grid));
   device_races().keep([](uintptr_t base, size_t bytes) {
@@ -115,7 +114,9 @@ bool Checker::run_block(BlockRunner& runner, Dim3 index, std::string& report) {
 
 void Checker::begin_block(const kevra_cpu_device::Block& block, unsigned threads) {
   shared_ = range_of(block.shared, launch_.shared_bytes);
+  static_shared_ = range_of(block.static_shared, kevra_cpu_device::static_shared_bytes);
   fill_with_nan(block.shared, launch_.shared_bytes);
+  fill_with_nan(block.static_shared, kevra_cpu_device::static_shared_bytes);
   last_barrier_line_ = 0;
   shared_races().begin_block(threads);
   profile_.begin_block(threads);
@@ -151,40 +152,37 @@ void Checker::end_block() {
 void Checker::note(uintptr_t address, unsigned bytes, const void* code, Access access) {
   settle_doubt();
   if (!fault_.empty()) return;
-  if (shared_.holds(address, bytes)) {
+  for (const AddressRange& shared : {shared_, static_shared_}) {
+    if (!shared.holds(address, bytes)) continue;
     profile_.note_shared(thread_, code, address - shared_.begin, bytes);
-    return note_shared(address - shared_.begin, address, bytes, access);
+    return note_shared(address, bytes, access);
   }
   if (is_private(address, bytes)) return;
   if (const Allocation* allocation = allocations_.find(address, bytes)) {
     profile_.note_device(thread_, code, address, bytes, access);
     return note_device(*allocation, address, bytes, access);
   }
-  // Static shared arrays come into being at their first use.
-  object_ = object_ranges(code_);
-  const AddressRange& statics = object_.thread_local_variables;
-  if (statics.holds(address, bytes))
-    note_shared(launch_.shared_bytes + (address - statics.begin), address, bytes, access);
-  else
-    fault_ = stray_text(address, bytes, access);
+  fault_ = stray_text(address, bytes, access);
 }
 
 // A thread's own memory, and what the compiled code keeps for itself.
 bool Checker::is_private(uintptr_t address, unsigned bytes) {
   return stack_.holds(address, bytes) || runner_.owns(address, bytes) ||
-         object_.image.holds(address, bytes) ||
+         image_.holds(address, bytes) ||
          range_of(launch_.arguments.data(), launch_.arguments.size()).holds(address, bytes);
 }
 
-void Checker::note_shared(size_t offset, uintptr_t address, unsigned bytes, Access access) {
-  const Race race = shared_races().note(offset, bytes, thread_, access);
+void Checker::note_shared(uintptr_t address, unsigned bytes, Access access) {
+  const Race race = shared_races().note(address - shared_.begin, bytes, thread_, access);
   if (!race.found) return;
   // Of several readers the last one is known, and that may have been this thread.
   const std::string others =
       race.other == thread_ ? "other threads" : "thread " + thread_text(race.other);
-  std::string fault = where() + " " + present(access) + " shared memory at byte " +
-                      std::to_string(offset) + ", which " + others + " " + past(race.seen) +
-                      " with no barrier between them";
+  const bool is_static = static_shared_.holds(address, bytes);
+  const uintptr_t offset = address - (is_static ? static_shared_ : shared_).begin;
+  std::string fault = where() + " " + present(access) + (is_static ? " static" : "") +
+                      " shared memory at byte " + std::to_string(offset) + ", which " + others +
+                      " " + past(race.seen) + " with no barrier between them";
   if (last_barrier_line_ != 0)
     fault += " since the one of line " + std::to_string(last_barrier_line_);
   judge(race, fault, address, bytes, access);

@@ -54,7 +54,7 @@ class Checker : public BlockObserver {
   };
 
   bool is_private(uintptr_t address, unsigned bytes);
-  void note_shared(size_t offset, uintptr_t address, unsigned bytes, Access access);
+  void note_shared(uintptr_t address, unsigned bytes, Access access);
   void note_device(const Allocation& allocation, uintptr_t address, unsigned bytes, Access access);
   void judge(const Race& race, const std::string& fault, uintptr_t address, unsigned bytes,
              Access access);
@@ -66,12 +66,11 @@ class Checker : public BlockObserver {
   const Launch& launch_;
   const BlockRunner& runner_;
   const AddressRange stack_;
-  const void* const code_;
-  ObjectRanges object_;
+  const AddressRange image_;
   AllocationLookup allocations_;
   WaveProfile profile_;
 
-  AddressRange shared_;
+  AddressRange shared_, static_shared_;
   Dim3 block_;
   uint64_t block_number_ = 0;
   unsigned thread_ = 0;

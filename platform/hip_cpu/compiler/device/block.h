@@ -29,10 +29,12 @@ constexpr unsigned place_line(Place place) {
 
 constexpr unsigned max_threads = 1024;  // of a block
 constexpr unsigned group_threads = 32;  // that exchange values by shuffles
+constexpr unsigned static_shared_bytes = 65536;
 
 struct Block {
   Index3 index, size, grid;
-  char* shared;           // the block's dynamic shared memory
+  char* shared;  // the block's dynamic shared memory
+  char* static_shared;
   const char* arguments;  // packed as the kernel's entry says
   Place place;            // where the thread that ran last waits
   Place* places;          // by thread number

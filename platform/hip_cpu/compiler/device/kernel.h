@@ -10,9 +10,17 @@
 #define __constant__ static
 #define __forceinline__ inline __attribute__((always_inline))
 #define __launch_bounds__(...)
-// A block runs on one thread of the host from start to end, so what that thread has for itself is
-// the block's. (Dynamic shared arrays are rewritten before this is seen.)
-#define __shared__ static thread_local
+
+// What the rewriting makes of shared arrays; their types stand before these.
+#define KEVRA_CPU_DYNAMIC_SHARED(name) \
+  auto& name = *reinterpret_cast<kevra_type_##name*>(kevra_thread.block->shared)
+#define KEVRA_CPU_STATIC_SHARED(name, taken)                                             \
+  constexpr unsigned kevra_begin_##name = (taken + 15) / 16 * 16,                        \
+                     kevra_end_##name = kevra_begin_##name + sizeof(kevra_type_##name);  \
+  static_assert(kevra_end_##name <= ::kevra_cpu_device::static_shared_bytes,             \
+                "a kernel has at most 64 KiB of static shared memory");                  \
+  auto& name = *reinterpret_cast<kevra_type_##name*>(kevra_thread.block->static_shared + \
+                                                     kevra_begin_##name)
 #define __align__(bytes) __attribute__((aligned(bytes)))
 
 #define threadIdx (kevra_thread.thread_index)
