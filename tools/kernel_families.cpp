@@ -1,20 +1,24 @@
 #include "kernel_families.h"
 
-#include <algorithm>
+#include <cstdint>
 #include <stdexcept>
+#include <string>
 
 #include "codegen/backend.h"
 #include "codegen/kernels/fft.h"
 #include "codegen/kernels/rms.h"
 #include "codegen/precision.h"
 #include "codegen/sizes.h"
+#include "cuda_like/ops/fft_route.h"
 
 namespace kevra_tools {
 namespace {
 
 namespace codegen = kevra::codegen;
+namespace ops = kevra::ops;
 
-constexpr int kLargestBlock = 1024;  // threads
+constexpr int kLargestBlock = 1024;         // threads
+constexpr int64_t kSharedLimit = 64 << 10;  // bytes a block may have on every AMD GPU so far
 
 const codegen::HipBackend hip;
 
@@ -24,40 +28,56 @@ const Parameter precision{"prec", codegen::kFloat, codegen::kHalf, codegen::kDou
 Kernel make_rms(const Values& values) {
   const codegen::RmsKernel kernel{values.at("prec")};
   return {codegen::RmsKernel::kName, kernel.key(), codegen::RmsKernel::kBlock,
-          kernel.shared_bytes(), kernel.source(hip)};
+          kernel.shared_bytes(),     true,         kernel.source(hip)};
 }
 
+// The shared-memory kernel that the transform's route arrives at under the values as a hint.
 Kernel make_fft(const Values& values) {
-  const int n = values.at("n");
   const int prec = values.at("prec");
-  codegen::ComplexFftKernel kernel{.n = n,
-                                   .compute = codegen::compute_precision(prec),
-                                   .storage = codegen::storage_precision(prec),
-                                   .inverse = values.at("inverse") != 0,
-                                   .tpf = values.at("tpf"),
-                                   .rows_per_block = values.at("rows"),
-                                   .padded = values.at("padded") != 0,
-                                   .radix25 = values.at("radix25") != 0};
-  // The defaults of the transform's route, its wish for full blocks of odd sizes apart.
-  if (kernel.tpf == 0) kernel.tpf = std::clamp(n / 8, 16, 256);
-  if (kernel.rows_per_block == 0) {
-    kernel.rows_per_block = codegen::is_power_of_two(n) ? std::max(64 / kernel.tpf, 1) : 1;
+  const ops::FftShape shape{.n = values.at("n"),
+                            .wide = prec == codegen::kDouble,
+                            .inverse = values.at("inverse") != 0,
+                            .half = prec == codegen::kHalf,
+                            .pair = false};
+  const codegen::ShapeHint hint{.fpb = values.at("rows"),
+                                .tpf = values.at("tpf"),
+                                .core = 1,
+                                .var = values.at("radix25") + 4 * values.at("padded")};
+  const ops::FftRoute route = ops::route_fft(shape, hint, kSharedLimit);
+  if (route.form != ops::FftForm::kShared) {
+    throw std::invalid_argument("n = " + std::to_string(shape.n) + " takes the " +
+                                ops::fft_form_name(route.form) +
+                                " route; this family is the shared-memory kernel");
   }
-  if (kernel.block() > kLargestBlock) {
-    throw std::invalid_argument("tpf x rows is " + std::to_string(kernel.block()) +
-                                ", must be at most " + std::to_string(kLargestBlock));
-  }
-  return {codegen::ComplexFftKernel::kName, kernel.key(), kernel.block(), kernel.shared_bytes(),
-          codegen::complex_fft_source(kernel, hip)};
+  const codegen::ComplexFftKernel& kernel = route.shared;
+  const ops::FftRoute unasked = ops::route_fft(shape, {}, kSharedLimit);
+  return {
+      codegen::ComplexFftKernel::kName,
+      kernel.key(),
+      kernel.block(),
+      kernel.shared_bytes(),
+      unasked.form == ops::FftForm::kShared && unasked.shared.key() == kernel.key(),
+      codegen::complex_fft_source(kernel, hip),
+  };
 }
 
-// Sizes that reach each radix, each load form, one row and several to a block.
+// What users transform, up to what one row of float fits, and what reaches every radix and load
+// form. Sizes with a register route of their own are here too: a hint sends them to this kernel.
+constexpr int kFftSizes[] = {
+    2,    4,    7,    8,    12,   16,   24,   32,   36,   48,   60,   64,   72,   96,   100,  120,
+    121,  128,  143,  144,  180,  192,  240,  250,  256,  300,  320,  336,  343,  360,  384,  400,
+    441,  480,  500,  512,  600,  625,  640,  720,  729,  768,  800,  882,  900,  960,  1000, 1024,
+    1050, 1200, 1280, 1331, 1440, 1536, 1600, 1920, 2000, 2048, 2187, 2205, 2400, 2560, 3000, 3072,
+    3125, 3600, 3840, 4000, 4096, 4410, 4800, 5000, 5120, 6000, 6144, 6561, 7200, 7680, 8000, 8192};
+
 std::vector<Values> fft_samples() {
   std::vector<Values> samples;
-  for (int n : {2, 7, 60, 64, 100, 143, 720, 1024, 2187, 4096}) {
+  for (int n : kFftSizes) {
     for (int prec : {codegen::kHalf, codegen::kFloat, codegen::kDouble}) {
-      for (int inverse : {0, 1})
-        samples.push_back({{"n", n}, {"prec", prec}, {"inverse", inverse}});
+      if (codegen::fits_shared(n, codegen::compute_precision(prec), kSharedLimit)) {
+        for (int inverse : {0, 1})
+          samples.push_back({{"n", n}, {"prec", prec}, {"inverse", inverse}});
+      }
     }
   }
   samples.push_back({{"n", 720}, {"padded", 1}});

@@ -23,6 +23,7 @@ struct Kernel {
   std::string key;
   int block;
   size_t shared_bytes;
+  bool default_route;  // what its operation takes when no hint asks for something else
   std::string source;
 };
 

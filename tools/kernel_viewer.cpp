@@ -97,7 +97,8 @@ std::string manifest_entry(const Family& family, const Values& values, const Ker
   return "  {\"name\": \"" + kernel.name + "\", \"family\": \"" + family.name + "\", \"key\": \"" +
          kernel.key + "\", \"file\": \"" + kernel.key + ".hip\", \"parameters\": {" + parameters +
          "}, \"block\": " + std::to_string(kernel.block) +
-         ", \"shared_bytes\": " + std::to_string(kernel.shared_bytes) + "}";
+         ", \"shared_bytes\": " + std::to_string(kernel.shared_bytes) +
+         ", \"default_route\": " + (kernel.default_route ? "true" : "false") + "}";
 }
 
 void manifest(const std::filesystem::path& folder) {
