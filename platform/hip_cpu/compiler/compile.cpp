@@ -18,7 +18,7 @@ namespace {
 
 using Command = std::vector<std::string>;
 
-// Contraction and errno-free math are what kernels get on a GPU; all else is plain C++.
+// Math without errno is what kernels get on a GPU; all else is plain C++.
 const Command compile_options = {
     "-x",
     "c++",
@@ -31,7 +31,7 @@ const Command compile_options = {
     "-nostdinc++",
     "-fno-math-errno",
     "-c",
-    "-ffp-contract=fast-honor-pragmas",
+    "-ffp-contract=on",  // the device header says where it goes further
     "-fno-plt",
     "-fno-asynchronous-unwind-tables",
     // What -march=native finds on a virtual machine need not fit together; that is no fault of

@@ -117,3 +117,6 @@ const kevra_cpu_device::KernelTable kevra_kernel_table = {__start_kevra_kernels,
 #endif
 };
 }
+
+// In the kernel's own text a product fuses with a sum wherever it can, as on a GPU.
+#pragma clang fp contract(fast)
