@@ -1,5 +1,5 @@
-// A binding with the argument list of rms_resident that does nothing: what a call costs before the
-// runtime's own work begins.
+// Bindings with the argument lists of the resident functions that do nothing: what a call costs
+// before the runtime's own work begins.
 #include <pybind11/pybind11.h>
 
 #include <cstdint>
@@ -7,4 +7,5 @@
 PYBIND11_MODULE(_empty_binding, m) {
   m.def("rms_resident", [](uintptr_t, uintptr_t, int64_t, int64_t, int64_t, int64_t, int64_t, bool,
                            int, int, uintptr_t) {});
+  m.def("fft_resident", [](uintptr_t, uintptr_t, int64_t, int64_t, bool, int, int, uintptr_t) {});
 }
