@@ -78,7 +78,7 @@ TEST(CheckFaults, EveryFaultIsToldByKernelBlockAndThread) {
   float* const p = out.device;
   expect("shared_race", run("shared_race", {}, 1024, p),
          {"race", "block (0,0,0), thread (1,0,0) reads shared memory at byte 4",
-          "thread (0,0,0) wrote", "since the one of line 5"});
+          "thread (0,0,0) wrote", "since the one of line 5", "(test.hip:6)"});
   expect("missing_barrier", run("missing_barrier", {}, 1024, p),
          {"race", "thread (1,0,0) writes shared memory at byte 4, which other threads read",
           "since the one of line 15"});
@@ -87,7 +87,8 @@ TEST(CheckFaults, EveryFaultIsToldByKernelBlockAndThread) {
   expect("block_race", run("block_race", {2}, 0, p),
          {"race", "block (1,0,0), thread (0,0,0) writes byte 0", "block (0,0,0) wrote"});
   expect("block_read", kernels.run("block_read", {4}, {64}, 0, p),
-         {"race", "block (3,0,0), thread (0,0,0) reads byte 512", "block (2,0,0) wrote"});
+         {"race", "block (3,0,0), thread (0,0,0) reads byte 512", "block (2,0,0) wrote",
+          "(test.hip:27)"});
   expect("atomic_and_store", run("atomic_and_store", {4}, 0, counts.device),
          {"race", "block (2,0,0)", "writes byte 0", "changed atomically"});
   expect("stray_read", run("stray_read", {}, 0, p, 250),
@@ -96,9 +97,9 @@ TEST(CheckFaults, EveryFaultIsToldByKernelBlockAndThread) {
   expect("stray_write", run("stray_write", {3}, 0, p, -1000000000000ll),
          {"stray access", "block (1,0,0), thread (9,0,0) writes 4 bytes", "before"});
   expect("stray_copy", run("stray_copy", {}, 0, p, 64),
-         {"stray access", "thread (3,0,0) writes", "at byte 1024"});
+         {"stray access", "thread (3,0,0) writes", "at byte 1024", "(test.hip:39)"});
   expect("stray_atomic", run("stray_atomic", {}, 0, counts.device, 256),
-         {"stray access", "thread (0,0,0) changes 4 bytes", "at byte 1024"});
+         {"stray access", "thread (0,0,0) changes 4 bytes", "at byte 1024", "(test.hip:41)"});
   expect("stray_shared", run("stray_shared", {}, 512, p),
          {"stray access", "thread (128,0,0) writes", "512 bytes into the block's shared memory"});
   expect("divergent", run("divergent", {}, 0, p), {"barrier of line"});

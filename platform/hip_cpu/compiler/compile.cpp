@@ -49,7 +49,11 @@ const Command compile_options = {
 const Command fast_options = {"-O3"};
 // Without `func` the compiler emits no callbacks at loads and stores. Vector code would merge
 // the accesses of several threads and elements into one.
-const Command check_options = {"-O1", "-fno-vectorize", "-fno-slp-vectorize", "-DKEVRA_CPU_CHECK",
+const Command check_options = {"-O1",
+                               "-gline-tables-only",
+                               "-fno-vectorize",
+                               "-fno-slp-vectorize",
+                               "-DKEVRA_CPU_CHECK",
                                "-fsanitize-coverage=func,trace-loads,trace-stores"};
 
 void append(Command& command, const Command& more) {
@@ -65,7 +69,7 @@ std::string quoted(const std::string& name) {
 }
 
 std::string unit_text(const KernelSource& source) {
-  std::string text(device_text);
+  std::string text = "#line 1 \"kevra device\"\n" + std::string(device_text);
   text += "#line 1 \"" + quoted(source.name) + "\"\n";
   return text + rewrite_kernels(source.text);
 }

@@ -8,6 +8,7 @@
 #include "kernel/code_object.h"
 #include "kernel/grid.h"
 #include "kernel/order.h"
+#include "kernel/source_line.h"
 
 namespace kevra_cpu {
 
@@ -108,7 +109,7 @@ bool Checker::run_block(BlockRunner& runner, Dim3 index, std::string& report) {
   active = this;
   const bool finished = setjmp(out_) == 0 && runner.run(launch_, index, report, this);
   active = nullptr;
-  if (!fault_.empty()) report = fault_;
+  if (!fault_.empty()) report = fault_ + line_text(fault_code_);
   return finished;
 }
 
@@ -152,6 +153,7 @@ void Checker::end_block() {
 void Checker::note(uintptr_t address, unsigned bytes, const void* code, Access access) {
   settle_doubt();
   if (!fault_.empty()) return;
+  code_ = fault_code_ = code;
   for (const AddressRange& shared : {shared_, static_shared_}) {
     if (!shared.holds(address, bytes)) continue;
     profile_.note_shared(thread_, code, address - shared_.begin, bytes);
@@ -211,7 +213,7 @@ void Checker::judge(const Race& race, const std::string& fault, uintptr_t addres
     fault_ = "race: " + fault;
     return;
   }
-  doubt_ = DoubtfulStore{address, bytes, {}, "race: " + fault};
+  doubt_ = DoubtfulStore{address, bytes, {}, "race: " + fault, code_};
   std::memcpy(doubt_->old, reinterpret_cast<const void*>(address), bytes);
 }
 
@@ -219,12 +221,21 @@ void Checker::settle_doubt() {
   if (!doubt_) return;
   const bool same =
       std::memcmp(doubt_->old, reinterpret_cast<const void*>(doubt_->address), doubt_->bytes) == 0;
-  if (!same) fault_ = doubt_->fault;
+  if (!same) {
+    fault_ = doubt_->fault;
+    fault_code_ = doubt_->code;
+  }
   doubt_.reset();
 }
 
 void Checker::leave_on_fault() {
   if (!fault_.empty()) std::longjmp(out_, 1);
+}
+
+std::string Checker::line_text(const void* code) const {
+  const uintptr_t offset = reinterpret_cast<uintptr_t>(code) - image_.begin;
+  const std::string line = source_line(launch_.kernel->object().elf(), offset - 1);
+  return line.empty() ? line : " (" + line + ")";
 }
 
 std::string Checker::thread_text(unsigned thread) const {

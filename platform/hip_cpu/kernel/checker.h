@@ -51,6 +51,7 @@ class Checker : public BlockObserver {
     unsigned bytes;
     unsigned char old[16];
     std::string fault;
+    const void* code;
   };
 
   bool is_private(uintptr_t address, unsigned bytes);
@@ -58,6 +59,7 @@ class Checker : public BlockObserver {
   void note_device(const Allocation& allocation, uintptr_t address, unsigned bytes, Access access);
   void judge(const Race& race, const std::string& fault, uintptr_t address, unsigned bytes,
              Access access);
+  std::string line_text(const void* code) const;
   void settle_doubt();
   std::string where() const;
   std::string thread_text(unsigned thread) const;
@@ -76,7 +78,9 @@ class Checker : public BlockObserver {
   unsigned thread_ = 0;
   unsigned last_barrier_line_ = 0;
   std::optional<DoubtfulStore> doubt_;
+  const void* code_ = nullptr;  // of the present access: where its call returns to
   std::string fault_;
+  const void* fault_code_ = nullptr;
   std::jmp_buf out_;
 };
 

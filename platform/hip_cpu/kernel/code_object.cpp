@@ -1,15 +1,15 @@
 #include "kernel/code_object.h"
 
 #include <dlfcn.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstring>
 #include <mutex>
 
+#include "common/settings.h"
 #include "kernel/checker.h"
 #include "kernel/image.h"
+#include "kernel/memory_file.h"
 
 namespace kevra_cpu {
 
@@ -27,29 +27,17 @@ std::string unique_path(int descriptor) {
   return path + "/" + std::to_string(descriptor);
 }
 
-bool write_all(int descriptor, const std::vector<std::byte>& bytes) {
-  for (size_t done = 0; done < bytes.size();) {
-    const ssize_t wrote = write(descriptor, bytes.data() + done, bytes.size() - done);
-    if (wrote <= 0) return false;
-    done += static_cast<size_t>(wrote);
-  }
-  return true;
-}
-
 // Loads a shared object from memory; null when the loader refuses it.
 void* load_library(const std::vector<std::byte>& elf) {
-  const int descriptor = memfd_create("kevra-kernel", MFD_CLOEXEC);
-  if (descriptor < 0) return nullptr;
-  void* library = nullptr;
-  if (write_all(descriptor, elf))
-    library = dlopen(unique_path(descriptor).c_str(), RTLD_NOW | RTLD_LOCAL);
-  close(descriptor);
-  return library;
+  const MemoryFile file("kevra-kernel");
+  if (!file.write(elf)) return nullptr;
+  return dlopen(unique_path(file.descriptor()).c_str(), RTLD_NOW | RTLD_LOCAL);
 }
 
 }  // namespace
 
-CodeObject::CodeObject(const kevra_cpu_device::KernelTable& table) {
+CodeObject::CodeObject(std::vector<std::byte> elf, const kevra_cpu_device::KernelTable& table)
+    : elf_(std::move(elf)) {
   for (const auto* entry = table.begin; entry != table.end; ++entry)
     kernels_.emplace_back(entry, this);
   if (table.hooks != nullptr) *table.hooks = check_hooks();
@@ -73,7 +61,9 @@ int load_code_object(const void* image, CodeObject** out) {
   static std::mutex mutex;
   static auto* const loaded = new std::deque<CodeObject>;
   const std::lock_guard lock(mutex);
-  *out = &loaded->emplace_back(*static_cast<const kevra_cpu_device::KernelTable*>(table));
+  if (!settings().check) elf.clear();
+  *out = &loaded->emplace_back(std::move(elf),
+                               *static_cast<const kevra_cpu_device::KernelTable*>(table));
   return 0;
 }
 

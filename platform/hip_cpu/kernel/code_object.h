@@ -1,7 +1,9 @@
 // A loaded code object and its kernels.
 #pragma once
 
+#include <cstddef>
 #include <deque>
+#include <vector>
 
 #include "compiler/device/block.h"
 #include "kernel/launch.h"
@@ -23,11 +25,13 @@ class Kernel {
 
 class CodeObject {
  public:
-  explicit CodeObject(const kevra_cpu_device::KernelTable& table);
+  CodeObject(std::vector<std::byte> elf, const kevra_cpu_device::KernelTable& table);
 
   Kernel* find(const char* name);
+  const std::vector<std::byte>& elf() const { return elf_; }  // kept in check mode only
 
  private:
+  std::vector<std::byte> elf_;
   std::deque<Kernel> kernels_;
 };
 

@@ -1,7 +1,6 @@
 #include "kernel/toolchain.h"
 
 #include <spawn.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include <cstring>
 
 #include "common/settings.h"
+#include "kernel/memory_file.h"
 
 extern char** environ;
 
@@ -31,32 +31,6 @@ std::string find_clang() {
 bool is_program(const std::string& path) {
   return access(path.c_str(), X_OK) == 0;
 }
-
-// An anonymous file for what a program prints: no pipe to drain, no name to remove.
-class OutputFile {
- public:
-  OutputFile() : descriptor_(memfd_create("kevra-output", MFD_CLOEXEC)) {}
-  ~OutputFile() {
-    if (descriptor_ >= 0) close(descriptor_);
-  }
-  OutputFile(const OutputFile&) = delete;
-  OutputFile& operator=(const OutputFile&) = delete;
-
-  int descriptor() const { return descriptor_; }
-
-  std::string text() const {
-    std::string text;
-    char buffer[4096];
-    for (;;) {
-      const ssize_t got = pread(descriptor_, buffer, sizeof buffer, off_t(text.size()));
-      if (got <= 0) return text;
-      text.append(buffer, size_t(got));
-    }
-  }
-
- private:
-  int descriptor_;
-};
 
 // The exit status, or -1. A host that ignores its children's ends gets no status at all; then
 // what the program left behind must speak for it.
@@ -95,7 +69,7 @@ ProgramResult run_program(const std::vector<std::string>& arguments) {
     pointers.push_back(const_cast<char*>(argument.c_str()));
   pointers.push_back(nullptr);
 
-  OutputFile output;
+  const MemoryFile output("kevra-output");
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", 0, 0);
