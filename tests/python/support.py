@@ -9,6 +9,7 @@ import tempfile
 import kevra
 import numpy as np
 import pytest
+import scipy.fft
 from kevra import _diagnostics
 
 HALF, FLOAT, DOUBLE = 0, 1, 2
@@ -30,6 +31,32 @@ def rms_reference(x, frames, frame_length, hop, center):
     if n > 1:
         q = abs((q + n - 1) % (2 * n - 2) - (n - 1))
     return np.sqrt(np.mean(x.astype(np.longdouble)[:, q] ** 2, axis=-1))
+
+
+def fft_reference(x, inverse):
+    return (scipy.fft.ifft if inverse else scipy.fft.fft)(x.astype(np.clongdouble))
+
+
+# A transform's error over eps: of a row in the Euclidean norm, a multiple of sqrt(log2 n); of its worst element
+# against the row's root mean square, a multiple of ln n.
+FFT_ERROR = {DOUBLE: (2**-52, 1.0, 4.0), FLOAT: (2**-23, 2.5, 4.0)}
+
+
+def assert_fft(got, want, prec, what, times=1):
+    """Rows of a transform against a reference in extended precision. Half storage may round once more."""
+    assert got.shape == want.shape, what
+    n = want.shape[-1]
+    error = got - want
+    if prec not in FFT_ERROR:
+        for part, exact in (error.real, want.real), (error.imag, want.imag):
+            one_place = np.spacing(abs(exact).astype(np.float16))
+            part[...] = np.maximum(abs(part) - one_place, 0)
+    eps, of_row, of_element = FFT_ERROR.get(prec, FFT_ERROR[FLOAT])
+    size = np.sqrt(np.square(abs(want)).mean(axis=-1)) * eps * times
+    row = np.sqrt(np.square(abs(error)).mean(axis=-1))
+    element = abs(error).max(axis=-1)
+    for off, bound in (row, of_row * math.sqrt(math.log2(n))), (element, of_element * math.log(n)):
+        assert (off <= bound * size).all(), f"{what}: up to {(off / size).max()} eps, {bound} allowed"
 
 
 def pools_in_use():
