@@ -134,11 +134,10 @@ def test_damaged_objects_are_never_used(tmp_path, compiled, without_hiprtc):
     assert {case: outcome for case, outcome in outcomes.items() if "hipRTC" not in str(outcome)} == {}
 
 
-@pytest.mark.parametrize("kind", ["empty", "garbage", "first 64 of", "byte 0 of", "byte 99"])
-def test_damaged_objects_are_replaced(tmp_path, compiled, kind):
-    content = next((content for case, content in damages(compiled) if case.startswith(kind)), compiled[:-99])
-    environment = put(tmp_path, content)
-    assert fresh(works, env=environment) is True
+@pytest.mark.parametrize("content", [b"", b"garbage", None], ids=["empty", "garbage", "cut short"])
+def test_damaged_objects_are_replaced(tmp_path, compiled, content):
+    content = compiled[:-99] if content is None else content
+    assert fresh(works, env=put(tmp_path, content)) is True
     assert objects(tmp_path) == [object_name()]
     replaced = (tmp_path / "kernels" / object_name()).read_bytes()
     assert len(replaced) > len(compiled) // 2 and replaced != content
