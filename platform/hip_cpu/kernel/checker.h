@@ -29,8 +29,8 @@ class Checker : public BlockObserver {
  public:
   Checker(const Launch& launch, const BlockRunner& runner);
 
-  // False when the block has a fault, which `report` then tells.
-  bool run_block(BlockRunner& runner, Dim3 index, std::string& report);
+  // A fault of the block is told in `report`.
+  void run_block(BlockRunner& runner, Dim3 index, std::string& report);
   const LaunchProfile& profile() const { return profile_.totals(); }
 
   void note(uintptr_t address, unsigned bytes, const void* code, Access access);
