@@ -43,103 +43,72 @@ std::string spelled(const FftRoute& r) {
          (r.registers.half_exchange ? " half exchange" : "");
 }
 
+std::string routed(int n, const char* data, const ShapeHint& hint = {}, int64_t limit = kLimit) {
+  return spelled(route_fft(shape_of(n, data), hint, limit));
+}
+
 TEST(FftRoute, TakesTheKernelOfItsSize) {
-  struct Row {
-    int n;
-    const char* data;
-    const char* route;
-    int64_t limit = kLimit;
-  };
-  const Row rows[] = {
-      {1, "float", "shared-memory 16x4"},
-      {12, "double", "shared-memory 16x8"},
-      {64, "float", "two-pass register [8 8] x4 2304"},
-      {256, "double", "two-pass register [16 16] x4 17408"},
-      {121, "double", "two-pass register [11 11] x8 16896"},
-      {169, "double", "two-pass register [13 13] x12 34944"},
-      {169, "float", "shared-memory 21x6"},
-      {343, "double", "three-pass register [7 7 7] x6 32928"},
-      {343, "float", "shared-memory 42x3"},
-      {1331, "double", "three-pass register [11 11 11] x2 42592"},
-      {512, "packed", "packed-pair register [16 16 2] x2 2304 windows"},
-      {4096, "packed", "packed-pair register [32 16 8] x2 17024 windows"},
-      {512, "float", "register [16 16 2] x1 2304 windows"},
-      {512, "half", "register [16 16 2] x1 2304 windows"},
-      {1024, "float", "shared-memory 128x1"},
-      {1024, "half", "register [16 16 4] x1 4480 windows"},
-      {2048, "double", "register [8 8 8 4] x1 18688 windows"},
-      {8192, "float", "register [32 16 16] x1 33920 windows"},
-      {8192, "double", "four-step"},
-      {8192, "double", "register [8 8 8 8 2] x1 73984 windows", kLarge},
-      {96, "float", "register [12 4 2] x8 4352 windows"},
-      {96, "double", "register [12 4 2] x8 8704 windows"},
-      {384, "double", "register [6 2 2 2 2 2 2] x1 3840 windows"},
-      {625, "float", "register [5 5 5 5] x1 3128 windows"},
-      {1000, "float", "register [10 10 10] x1 4528 windows"},
-      {720, "double", "shared-memory 45x2"},
-      {3125, "double", "shared-memory 128x1"},
-      {3125, "float", "shared-memory 256x1"},
-      {127, "float", "Bluestein"},
-      {8000, "float", "shared-memory 256x1"},
-      {8800, "float", "four-step"},
-      {8800, "float", "shared-memory 256x1", kLarge},
-      {16384, "float", "four-step"},
-      {16384, "float", "shared-memory 256x1", kLarge},
-      {16384, "double", "four-step", INT64_MAX / 64},
-      {32768, "float", "four-step", INT64_MAX / 64},
-      {16384, "half", "shared-memory 256x1"},
-      {2147483640, "double", "four-step"},
-  };
-  for (const Row& row : rows) {
-    EXPECT_EQ(spelled(route_fft(shape_of(row.n, row.data), {}, row.limit)), row.route)
-        << row.n << " " << row.data;
-  }
+  EXPECT_EQ(routed(1, "float"), "shared-memory 16x4");
+  EXPECT_EQ(routed(12, "double"), "shared-memory 16x8");
+  EXPECT_EQ(routed(64, "float"), "two-pass register [8 8] x4 2304");
+  EXPECT_EQ(routed(256, "double"), "two-pass register [16 16] x4 17408");
+  EXPECT_EQ(routed(121, "double"), "two-pass register [11 11] x8 16896");
+  EXPECT_EQ(routed(169, "double"), "two-pass register [13 13] x12 34944");
+  EXPECT_EQ(routed(169, "float"), "shared-memory 21x6");
+  EXPECT_EQ(routed(343, "double"), "three-pass register [7 7 7] x6 32928");
+  EXPECT_EQ(routed(343, "float"), "shared-memory 42x3");
+  EXPECT_EQ(routed(1331, "double"), "three-pass register [11 11 11] x2 42592");
+  EXPECT_EQ(routed(4096, "packed"), "packed-pair register [32 16 8] x2 17024 windows");
   EXPECT_EQ(route_fft(shape_of(512, "packed", true), {}, kLimit).form, FftForm::kRegister);
+  EXPECT_EQ(routed(512, "half"), "register [16 16 2] x1 2304 windows");
+  EXPECT_EQ(routed(1024, "float"), "shared-memory 128x1");
+  EXPECT_EQ(routed(1024, "half"), "register [16 16 4] x1 4480 windows");
+  EXPECT_EQ(routed(8192, "float"), "register [32 16 16] x1 33920 windows");
+  EXPECT_EQ(routed(8192, "double"), "four-step");
+  EXPECT_EQ(routed(8192, "double", {}, kLarge), "register [8 8 8 8 2] x1 73984 windows");
+  EXPECT_EQ(routed(96, "float"), "register [12 4 2] x8 4352 windows");
+  EXPECT_EQ(routed(384, "double"), "register [6 2 2 2 2 2 2] x1 3840 windows");
+  EXPECT_EQ(routed(625, "float"), "register [5 5 5 5] x1 3128 windows");
+  EXPECT_EQ(routed(1000, "float"), "register [10 10 10] x1 4528 windows");
+  EXPECT_EQ(routed(720, "double"), "shared-memory 45x2");
+  EXPECT_EQ(routed(3125, "double"), "shared-memory 128x1");
+  EXPECT_EQ(routed(127, "float"), "Bluestein");
+  EXPECT_EQ(routed(8800, "float"), "four-step");
+  EXPECT_EQ(routed(8800, "float", {}, kLarge), "shared-memory 256x1");
+  EXPECT_EQ(routed(16384, "float"), "four-step");
+  EXPECT_EQ(routed(16384, "float", {}, kLarge), "shared-memory 256x1");
+  EXPECT_EQ(routed(16384, "half"), "shared-memory 256x1") << "for the launch to refuse";
+  EXPECT_EQ(routed(16384, "double", {}, 1 << 30), "four-step");
+  EXPECT_EQ(routed(32768, "float", {}, 1 << 30), "four-step");
+  EXPECT_EQ(routed(2147483640, "double"), "four-step");
 }
 
 TEST(FftRoute, FollowsWishesThatItCanHonour) {
-  struct Row {
-    int n;
-    const char* data;
-    ShapeHint hint;
-    const char* route;
-    int64_t limit = kLimit;
-  };
-  const Row rows[] = {
-      {64, "float", {.core = 1}, "shared-memory 16x4"},
-      {512, "packed", {.core = 1}, "shared-memory 64x1"},
-      {1000, "double", {.core = 1}, "shared-memory 125x1"},
-      {1024, "float", {.core = 2}, "register [16 16 4] x1 8712"},
-      {1024, "float", {.core = 2, .var = 8}, "register [16 16 4] x1 4480 windows"},
-      {1024, "half", {.var = 2}, "register [16 16 4] x1 2240 windows half exchange"},
-      {1024, "half", {.var = 10}, "register [16 16 4] x1 8712"},
-      {8, "float", {.core = 2}, "register [8] x1 72"},
-      {2, "double", {.core = 2}, "register [2] x1 48"},
-      {1, "float", {.core = 2}, "shared-memory 16x4"},
-      {72, "float", {.core = 2}, "register [24 3] x21 8988 windows"},
-      {22, "double", {.core = 2}, "shared-memory 16x8"},
-      {4096, "float", {.ept = 20}, "register [16 16 16] x1 17536 windows"},
-      {4096, "float", {.ept = 8}, "register [8 8 8 8] x1 18560 windows"},
-      {4096, "float", {.ept = 1}, "shared-memory 256x1"},
-      {4096, "float", {.ept = INT_MAX}, "shared-memory 256x1"},
-      {1000, "float", {.ept = 1}, "shared-memory 125x1"},
-      {1000, "float", {.ept = 20}, "register [20 10 5] x1 4328 windows"},
-      {64, "float", {.fpb = 2}, "two-pass register [8 8] x2 1152"},
-      {64, "float", {.fpb = INT_MAX}, "two-pass register [8 8] x113 65088"},
-      {1331, "double", {.fpb = 5}, "shared-memory 166x3"},
-      {8192, "double", {.var = 8}, "register [8 8 8 8 2] x1 139280", kLarge},
-      {360, "float", {.fpb = 3, .tpf = 30}, "shared-memory 30x3"},
-      {360, "float", {.tpf = INT_MAX}, "shared-memory 1024x1"},
-      {360, "float", {.fpb = INT_MAX}, "shared-memory 45x22"},
-      {600, "float", {.var = 5}, "shared-memory 75x1 padded radix25"},
-      {600, "float", {-1, INT_MIN, -1, -1, -1}, "shared-memory 75x1"},
-      {34, "double", {.var = 5}, "shared-memory 16x8"},
-      {8000, "float", {.var = 4}, "shared-memory 256x1"},
-  };
-  for (const Row& row : rows) {
-    EXPECT_EQ(spelled(route_fft(shape_of(row.n, row.data), row.hint, row.limit)), row.route)
-        << row.n << " " << row.data;
-  }
+  EXPECT_EQ(routed(64, "float", {.core = 1}), "shared-memory 16x4");
+  EXPECT_EQ(routed(512, "packed", {.core = 1}), "shared-memory 64x1");
+  EXPECT_EQ(routed(1000, "double", {.core = 1}), "shared-memory 125x1");
+  EXPECT_EQ(routed(1024, "float", {.core = 2}), "register [16 16 4] x1 8712");
+  EXPECT_EQ(routed(1024, "float", {.core = 2, .var = 8}), "register [16 16 4] x1 4480 windows");
+  EXPECT_EQ(routed(1024, "half", {.var = 2}), "register [16 16 4] x1 2240 windows half exchange");
+  EXPECT_EQ(routed(1024, "half", {.var = 10}), "register [16 16 4] x1 8712");
+  EXPECT_EQ(routed(8, "float", {.core = 2}), "register [8] x1 72");
+  EXPECT_EQ(routed(1, "float", {.core = 2}), "shared-memory 16x4");
+  EXPECT_EQ(routed(72, "float", {.core = 2}), "register [24 3] x21 8988 windows");
+  EXPECT_EQ(routed(22, "double", {.core = 2}), "shared-memory 16x8");
+  EXPECT_EQ(routed(4096, "float", {.ept = 20}), "register [16 16 16] x1 17536 windows");
+  EXPECT_EQ(routed(4096, "float", {.ept = 1}), "shared-memory 256x1");
+  EXPECT_EQ(routed(1000, "float", {.ept = 1}), "shared-memory 125x1");
+  EXPECT_EQ(routed(1000, "float", {.ept = 20}), "register [20 10 5] x1 4328 windows");
+  EXPECT_EQ(routed(64, "float", {.fpb = INT_MAX}), "two-pass register [8 8] x113 65088");
+  EXPECT_EQ(routed(1331, "double", {.fpb = 5}), "shared-memory 166x3");
+  EXPECT_EQ(routed(8192, "double", {.var = 8}, kLarge), "register [8 8 8 8 2] x1 139280");
+  EXPECT_EQ(routed(360, "float", {.fpb = 3, .tpf = 30}), "shared-memory 30x3");
+  EXPECT_EQ(routed(360, "float", {.tpf = INT_MAX}), "shared-memory 1024x1");
+  EXPECT_EQ(routed(360, "float", {.fpb = INT_MAX}), "shared-memory 45x22");
+  EXPECT_EQ(routed(600, "float", {.var = 5}), "shared-memory 75x1 padded radix25");
+  EXPECT_EQ(routed(600, "float", {-1, INT_MIN, -1, -1, -1}), "shared-memory 75x1");
+  EXPECT_EQ(routed(34, "double", {.var = 5}), "shared-memory 16x8");
+  EXPECT_EQ(routed(8000, "float", {.var = 4}), "shared-memory 256x1") << "fits unpadded only";
 }
 
 void check_route(const FftShape& s, const ShapeHint& h, int64_t limit) {
