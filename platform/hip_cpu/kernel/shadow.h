@@ -5,7 +5,6 @@
 // or in an earlier launch and counts no more, so nothing is ever cleared.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 namespace kevra_cpu {
@@ -31,7 +30,6 @@ class ShadowByte {
   State state() const { return State(word_ >> actor_bits); }
   uint32_t actor() const { return word_ & (actor_limit - 1); }
   void set(State state, uint32_t actor) { word_ = uint32_t(state) << actor_bits | actor; }
-  bool operator==(const ShadowByte&) const = default;
 
  private:
   uint32_t word_ = 0;

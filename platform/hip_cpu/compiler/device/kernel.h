@@ -10,6 +10,7 @@
 #define __constant__ static
 #define __forceinline__ inline __attribute__((always_inline))
 #define __launch_bounds__(...)
+#define __align__(bytes) __attribute__((aligned(bytes)))
 
 // What the rewriting makes of shared arrays; their types stand before these.
 #define KEVRA_CPU_DYNAMIC_SHARED(name) \
@@ -21,7 +22,6 @@
                 "a kernel has at most 64 KiB of static shared memory");                  \
   auto& name = *reinterpret_cast<kevra_type_##name*>(kevra_thread.block->static_shared + \
                                                      kevra_begin_##name)
-#define __align__(bytes) __attribute__((aligned(bytes)))
 
 #define threadIdx (kevra_thread.thread_index)
 #define blockIdx (kevra_thread.block_index)
