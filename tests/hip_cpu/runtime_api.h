@@ -151,6 +151,13 @@ class Shared {
   int* values_ = nullptr;
 };
 
+// What `hold` waits at. Declared behind all that is freed after it: it opens at the end, so
+// that a failed case does not hang.
+class Gate : public Shared {
+ public:
+  ~Gate() { open(); }
+};
+
 inline void* new_stream(unsigned flags) {
   void* stream = nullptr;
   EXPECT_EQ(StreamCreateWithFlags(&stream, flags), 0);

@@ -39,7 +39,8 @@ TEST(RuntimeDevice, SeveralDevicesHaveTheirOwnMemoryKernelsAndStreams) {
   void *first = nullptr, *second = nullptr, *over = nullptr;
   void* event = new_event();
   void* append = load("append");
-  Shared gate, list;
+  Shared list;
+  Gate gate;
   ASSERT_EQ(Malloc(&first, 1 << 20), 0);
   ASSERT_EQ(launch(load("hold"), gate.get(), 1, nullptr), 0);
   ASSERT_EQ(launch(append, list.get(), 1, nullptr), 0);
@@ -284,7 +285,7 @@ TEST(RuntimeSwitches, SenselessValuesAreReportedAndTheDefaultStands) {
 
 TEST(RuntimeExit, ProcessMayEndWithWorkInFlight) {
   if (!in_child_with({})) return;
-  Shared gate;
+  Gate gate;
   for (int i = 0; i < 3; ++i) {
     ASSERT_EQ(launch(load("hold"), gate.get(), 1, new_stream(non_blocking)), 0);
   }
