@@ -93,7 +93,7 @@ SOUND = """extern "C" __global__ void __launch_bounds__(64) k(float* x, __half2*
 def test_spills_errors_and_impossible_launches_fail_by_name(report, tmp_path):
     kernels = {  # key: source, block, shared bytes, default route, what is said of it
         "spilling": (SPILL, 64, 0, True, "vector registers spilled"),
-        "indexed": (INDEXED, 64, 0, True, "an array that is indexed at run time"),
+        "indexed": (INDEXED, 64, 0, True, "an array indexed at run time"),
         "broken": (SOUND.replace("double sine", "double sines"), 64, 256, True, "undeclared identifier 'sine'"),
         "tight": (SOUND, 128, 256, True, "block 128 is above the launch bound 64"),
         "large": (SOUND, 64, 65540, True, "not one block fits: shared"),

@@ -49,6 +49,7 @@ def main() -> int:
         print(f"No kernel of {chosen.manifest} has a key that matches {chosen.only}.", file=sys.stderr)
         return 2
     compiler = Compiler(chosen.cache, chosen.assembly)
+    compiler.require(chosen.arch)
     wanted = [(kernel, arch) for kernel in kernels for arch in chosen.arch]
     with ThreadPoolExecutor(os.cpu_count()) as pool:
         futures = [pool.submit(row_of, compiler, *one) for one in wanted]
@@ -56,9 +57,9 @@ def main() -> int:
             progress(done, len(futures))
         rows = [future.result() for future in futures]
 
-    print(report.markdown(rows) if chosen.markdown else report.table(rows))
+    print(report.markdown(rows) if chosen.markdown else report.table(rows), report.summary(rows), sep="\n\n")
     if chosen.json:
-        chosen.json.write_text(report.as_json(rows, compiler.version, FLAGS))
+        chosen.json.write_text(report.as_json(rows, f"{compiler.version} {' '.join(FLAGS)}"))
     return conclude(rows, compiler)
 
 

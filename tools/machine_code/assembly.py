@@ -43,9 +43,10 @@ _DUAL_HALF = re.compile(r"::\s*(v_\w+)")
 
 def parse(text: str, kernel: str) -> Figures:
     """`text` is one device's assembly. Raises ValueError when it lacks the kernel or a figure."""
-    body = re.search(rf"^{re.escape(kernel)}:(.*?)^\.Lfunc_end\d+:(.*?)(?=^\t\.text|\Z)", text, re.MULTILINE | re.DOTALL)
+    label = re.escape(kernel)
+    body = re.search(rf"^{label}:(.*?)^\.Lfunc_end\d+:(.*?)(?=^\t\.text|\Z)", text, re.MULTILINE | re.DOTALL)
     entries = re.split(r"^  - ", text.partition("amdhsa.kernels:\n")[2], flags=re.MULTILINE)
-    about = next((e for e in entries if re.search(rf"^ +\.name: +{re.escape(kernel)}$", e, re.MULTILINE)), None)
+    about = next((e for e in entries if re.search(rf"^ +\.name: +{label}$", e, re.MULTILINE)), None)
     if body is None or about is None:
         raise ValueError(f"the assembly has no kernel {kernel}")
 

@@ -12,7 +12,7 @@ from machine_code.assembly import Figures, parse
 
 HERE = Path(__file__).parent
 OLDEST_CLANG, NEWEST_CLANG = 16, 40  # what is looked for beside a plain clang++
-FLAGS = ("-x", "hip", "--offload-device-only", "-nogpuinc", "-nogpulib", "-O3", "-S", "-include", str(HERE / "device.h"))
+FLAGS = ("-x", "hip", "--offload-device-only", "-nogpuinc", "-nogpulib", "-O3", "-S")
 
 
 class CompileError(Exception):
@@ -62,11 +62,17 @@ class Compiler:
         self.assembly = assembly
         self.compiled = 0
         # Whatever the figures depend on besides kernel and architecture.
-        self._base = hashlib.sha256(version.stdout.encode())
-        for path in (HERE / "device.h", HERE / "device_math.h", HERE / "compiler.py", HERE / "assembly.py"):
-            self._base.update(path.read_bytes())
+        self._base = hashlib.sha256(" ".join((version.stdout, *FLAGS)).encode())
+        for name in ("device.h", "device_math.h", "assembly.py"):
+            self._base.update((HERE / name).read_bytes())
         for folder in filter(None, (cache, assembly)):
             folder.mkdir(parents=True, exist_ok=True)
+
+    def require(self, archs: list[str]) -> None:
+        """Older compilers know fewer architectures: said once, not of every kernel."""
+        if unknown := [arch for arch in archs if self._run("", arch).returncode != 0]:
+            raise SystemExit(f"machine_code: {self.version} knows no {', '.join(unknown)}; install clang-19 or name "
+                             "the architectures that it knows with --arch.")
 
     def figures(self, kernel: Kernel, arch: str) -> Figures:
         kept = self._base.copy()
@@ -85,9 +91,12 @@ class Compiler:
         return figures
 
     def _compile(self, kernel: Kernel, arch: str) -> str:
-        command = [self.clang, *FLAGS, f"--offload-arch={arch}", "-", "-o", "-"]
-        child = subprocess.run(command, input=kernel.source, capture_output=True, text=True, check=False)
+        child = self._run(kernel.source, arch)
         self.compiled += 1
         if child.returncode != 0:
             raise CompileError(child.stderr.strip())
         return child.stdout
+
+    def _run(self, source: str, arch: str) -> subprocess.CompletedProcess:
+        command = [self.clang, *FLAGS, "-include", str(HERE / "device.h"), f"--offload-arch={arch}", "-", "-o", "-"]
+        return subprocess.run(command, input=source, capture_output=True, text=True, check=False)

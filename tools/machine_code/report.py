@@ -38,7 +38,7 @@ class Row:
             return f"does not compile:\n{self.error}"
         f, block = self.figures, self.kernel.block
         if f.scratch_bytes > 0:
-            cause = f"{f.vgpr_spills} vector registers spilled" if f.vgpr_spills else "an array that is indexed at run time"
+            cause = f"{f.vgpr_spills} vector registers spilled" if f.vgpr_spills else "an array indexed at run time"
             return f"{f.scratch_bytes} bytes of scratch a thread: {cause} ({f.vgprs} of them in use, block {block})"
         if block > f.largest_block:
             return f"block {block} is above the launch bound {f.largest_block}"
@@ -66,6 +66,26 @@ def table(rows: Iterable[Row]) -> str:
     )
 
 
+def summary(rows: Iterable[Row]) -> str:
+    """Markdown, a line an architecture: what bounds the default routes' waves, and the heaviest of them."""
+    heads = ["architecture", "default routes", "bound by waves", "by shared memory", "by registers",
+             "a wave a SIMD or less", "most vector registers", "longest code"]
+    lines = [f"| {' | '.join(heads)} |", "|---|---:|---:|---:|---:|---:|---|---|"]
+    by_arch = {}
+    for row in rows:
+        if row.kernel.default_route and row.figures is not None:
+            by_arch.setdefault(row.arch, []).append(row)
+    for arch, own in by_arch.items():
+        bounds = [row.occupancy.bound for row in own]
+        lonely = sum(row.occupancy.waves <= 1 for row in own)
+        wide = max(own, key=lambda row: row.figures.vgprs)
+        long = max(own, key=lambda row: row.figures.code_bytes)
+        cells = [arch, len(own), *(bounds.count(bound) for bound in ("waves", "shared", "registers")), lonely,
+                 f"{wide.figures.vgprs}, `{wide.kernel.key}`", f"{long.figures.code_bytes} bytes, `{long.kernel.key}`"]
+        lines.append(f"| {' | '.join(map(str, cells))} |")
+    return "\n".join(lines)
+
+
 def markdown(rows: Iterable[Row]) -> str:
     """One table a kernel."""
     heads = ["architecture", "vector registers", "waves of a SIMD", "bound by", "global loads, stores",
@@ -76,7 +96,8 @@ def markdown(rows: Iterable[Row]) -> str:
             continue
         if row.kernel != kernel:
             kernel = row.kernel
-            lines += ["", f"`{kernel.key}`: block {kernel.block}, {kernel.shared_bytes} bytes shared", "",
+            taken = "" if kernel.default_route else ", by a hint only"
+            lines += ["", f"`{kernel.key}`: block {kernel.block}, {kernel.shared_bytes} bytes shared{taken}", "",
                       f"| {' | '.join(heads)} |", "|---|" + "---:|---:|---|" + "---:|" * (len(heads) - 4)]
         f, o = row.figures, row.occupancy
         waves = f"{o.waves:g} of {o.most}"
@@ -86,7 +107,7 @@ def markdown(rows: Iterable[Row]) -> str:
     return "\n".join(lines[1:])
 
 
-def as_json(rows: Iterable[Row], compiler: str, flags: Iterable[str]) -> str:
+def as_json(rows: Iterable[Row], compiler: str) -> str:
     """A line a kernel; its architectures map to lists in the order of the columns, null where it does not compile."""
     kernels = {}
     for row in rows:
@@ -95,6 +116,6 @@ def as_json(rows: Iterable[Row], compiler: str, flags: Iterable[str]) -> str:
                                            "block": k.block, "shared_bytes": k.shared_bytes})
         entry[row.arch] = None if row.figures is None else row.cells()
     head = {"figures": "static, from the compiler's assembly; nothing was run", "compiler": compiler,
-            "flags": " ".join(flags), "columns": COLUMNS}
+            "columns": COLUMNS}
     lines = ",\n".join(json.dumps(entry, separators=(",", ":")) for entry in kernels.values())
     return json.dumps(head, indent=1)[:-2] + ',\n "kernels": [\n' + lines + "\n]}\n"
