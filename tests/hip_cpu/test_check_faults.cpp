@@ -140,15 +140,10 @@ extern "C" __global__ void by_shuffle(const float* x, float* out) {
   float token = __shfl_xor(1.0f, 1, 32);
   float v = cells[tid ^ 1] + cells[tid & 32];
   token = __shfl_xor(token, 1, 32);
-  cells[tid & 32] = 5;
+  if (tid % 32 == 0) cells[tid] = 5;
   out[tid] = v * token;
 }
-// Overlapping tiles store the same values; counters are atomic.
-extern "C" __global__ void overlap(const float* x, float* out, int* count) {
-  int at = blockIdx.x * 60 + threadIdx.x;
-  out[at] = x[at] * 2;
-  atomicAdd(count, 1);
-}
+extern "C" __global__ void counted(int* count) { atomicAdd(count, 1); }
 extern "C" __global__ void local_array(const float* x, float* out) {
   float kept[40];
   for (int i = 0; i < 40; ++i) kept[i] = x[i];
@@ -165,7 +160,7 @@ extern "C" __global__ void local_array(const float* x, float* out) {
   EXPECT_EQ(out.download()[4], 512.0f);
   EXPECT_EQ(kernels.run("halves", {16}, {63}, 126, x.device, halves.device), "");
   EXPECT_EQ(kernels.run("by_shuffle", {}, {64}, 256, x.device, out.device), "");
-  EXPECT_EQ(kernels.run("overlap", {16}, {64}, 0, x.device, out.device, count.device), "");
+  EXPECT_EQ(kernels.run("counted", {16}, {64}, 0, count.device), "");
   EXPECT_EQ(count.download()[0], 1024);
   EXPECT_EQ(kernels.run("local_array", {1}, {256}, 0, x.device, out.device), "");
 }
@@ -180,7 +175,8 @@ extern "C" __global__ void number(float* out) { out[threadIdx.x] = blockIdx.x + 
   {
     Buffer<float> out(64);
     freed = out.device;
-    EXPECT_EQ(kernels.run("fill", {2}, {64}, 0, out.device), "");
+    EXPECT_TRUE(contains(kernels.run("fill", {2}, {64}, 0, out.device), "race"))
+        << "equal values race too";
     EXPECT_TRUE(contains(kernels.run("number", {2}, {64}, 0, out.device), "race"));
     EXPECT_EQ(kernels.run("number", {1}, {64}, 0, out.device), "")
         << "what earlier launches wrote is over";

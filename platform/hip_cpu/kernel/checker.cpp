@@ -1,6 +1,5 @@
 #include "kernel/checker.h"
 
-#include <cstring>
 #include <mutex>
 
 #include "common/settings.h"
@@ -101,13 +100,12 @@ void Checker::run_block(BlockRunner& runner, Dim3 index, std::string& report) {
   block_ = index;
   block_number_ = number_of(index, launch_.grid);
   fault_.clear();
-  doubt_.reset();
   // A fault leaves the kernel in the middle. What stays behind are coroutine frames, which the
   // runner drops with the block, and calls of the kernel and the runner that own nothing.
   active = this;
   if (setjmp(out_) == 0) runner.run(launch_, index, report, this);
   active = nullptr;
-  if (!fault_.empty()) report = fault_ + line_text(fault_code_);
+  if (!fault_.empty()) report = fault_ + line_text(code_);
 }
 
 void Checker::begin_block(const kevra_cpu_device::Block& block, unsigned threads) {
@@ -121,36 +119,26 @@ void Checker::begin_block(const kevra_cpu_device::Block& block, unsigned threads
 }
 
 void Checker::enter_thread(unsigned thread) {
-  settle_doubt();
-  leave_on_fault();
   thread_ = thread;
 }
 
 void Checker::pass_barrier(unsigned line) {
-  settle_doubt();
-  leave_on_fault();
   last_barrier_line_ = line;
   shared_races().pass_barrier();
   profile_.pass_barrier();
 }
 
 void Checker::pass_shuffle(unsigned group) {
-  settle_doubt();
-  leave_on_fault();
   shared_races().pass_shuffle(group);
   profile_.pass_shuffle();
 }
 
 void Checker::end_block() {
-  settle_doubt();
-  leave_on_fault();
   profile_.end_block();
 }
 
 void Checker::note(uintptr_t address, unsigned bytes, const void* code, Access access) {
-  settle_doubt();
-  if (!fault_.empty()) return;
-  code_ = fault_code_ = code;
+  code_ = code;
   for (const AddressRange& shared : {shared_, static_shared_}) {
     if (!shared.holds(address, bytes)) continue;
     profile_.note_shared(thread_, code, address - shared_.begin, bytes);
@@ -184,7 +172,7 @@ void Checker::note_shared(uintptr_t address, unsigned bytes, Access access) {
                       " " + past(race.seen) + " with no barrier between them";
   if (last_barrier_line_ != 0)
     fault += " since the one of line " + std::to_string(last_barrier_line_);
-  judge(race, fault, address, bytes, access);
+  fault_ = "race: " + fault;
 }
 
 void Checker::note_device(const Allocation& allocation, uintptr_t address, unsigned bytes,
@@ -195,34 +183,10 @@ void Checker::note_device(const Allocation& allocation, uintptr_t address, unsig
   const std::string others = race.other == block_number_
                                  ? "other blocks"
                                  : "block " + as_text(index_of(race.other, launch_.grid));
-  judge(race,
-        where() + " " + present(access) + " byte " + std::to_string(address - allocation.base) +
-            " of the allocation of " + std::to_string(allocation.bytes) + " bytes at " +
-            hexadecimal(allocation.base) + ", which " + others + " " + past(race.seen) +
-            "; blocks of a launch are not ordered",
-        address, bytes, access);
-}
-
-// Two stores of the same value are no race: overlapping tiles may do that on purpose.
-void Checker::judge(const Race& race, const std::string& fault, uintptr_t address, unsigned bytes,
-                    Access access) {
-  if (access != Access::write || race.seen != ShadowByte::written) {
-    fault_ = "race: " + fault;
-    return;
-  }
-  doubt_ = DoubtfulStore{address, bytes, {}, "race: " + fault, code_};
-  std::memcpy(doubt_->old, reinterpret_cast<const void*>(address), bytes);
-}
-
-void Checker::settle_doubt() {
-  if (!doubt_) return;
-  const bool same =
-      std::memcmp(doubt_->old, reinterpret_cast<const void*>(doubt_->address), doubt_->bytes) == 0;
-  if (!same) {
-    fault_ = doubt_->fault;
-    fault_code_ = doubt_->code;
-  }
-  doubt_.reset();
+  fault_ = "race: " + where() + " " + present(access) + " byte " +
+           std::to_string(address - allocation.base) + " of the allocation of " +
+           std::to_string(allocation.bytes) + " bytes at " + hexadecimal(allocation.base) +
+           ", which " + others + " " + past(race.seen) + "; blocks of a launch are not ordered";
 }
 
 void Checker::leave_on_fault() {

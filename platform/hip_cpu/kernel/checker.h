@@ -6,7 +6,6 @@
 #pragma once
 
 #include <csetjmp>
-#include <optional>
 #include <string>
 
 #include "kernel/address_space.h"
@@ -45,22 +44,10 @@ class Checker : public BlockObserver {
   void end_block() override;
 
  private:
-  // A store that would be a race unless it stores what is there already.
-  struct DoubtfulStore {
-    uintptr_t address;
-    unsigned bytes;
-    unsigned char old[16];
-    std::string fault;
-    const void* code;
-  };
-
   bool is_private(uintptr_t address, unsigned bytes);
   void note_shared(uintptr_t address, unsigned bytes, Access access);
   void note_device(const Allocation& allocation, uintptr_t address, unsigned bytes, Access access);
-  void judge(const Race& race, const std::string& fault, uintptr_t address, unsigned bytes,
-             Access access);
   std::string line_text(const void* code) const;
-  void settle_doubt();
   std::string where() const;
   std::string thread_text(unsigned thread) const;
   std::string stray_text(uintptr_t address, unsigned bytes, Access access) const;
@@ -77,10 +64,8 @@ class Checker : public BlockObserver {
   uint64_t block_number_ = 0;
   unsigned thread_ = 0;
   unsigned last_barrier_line_ = 0;
-  std::optional<DoubtfulStore> doubt_;
   const void* code_ = nullptr;  // of the present access: where its call returns to
   std::string fault_;
-  const void* fault_code_ = nullptr;
   std::jmp_buf out_;
 };
 
