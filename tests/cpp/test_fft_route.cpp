@@ -169,14 +169,17 @@ TEST(FftRoute, KeepsWithinBlockAndMemoryWhateverIsWished) {
 TEST(FftDispatch, AnOverrideComesBeforePlansAndLeavesNone) {
   select_device(0);
   DeviceBuffer x(40 * sizeof(float) * 2, nullptr);
-  FftCall plain{.x = x.p, .out = x.p, .rows = 1, .n = 40};
-  FftCall overridden = plain;
-  const ShapeHint register_kernel{.core = 2};
-  overridden.override = &register_kernel;
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_THROW(fft_dispatch<float>(overridden), std::runtime_error);
-    EXPECT_NO_THROW(fft_dispatch<float>(plain));
-  }
+  const FftCall plain{.x = x.p, .out = x.p, .rows = 1, .n = 40};
+  const ShapeHint none, register_kernel{.core = 2};
+  FftCall without_wish = plain, with_wish = plain;
+  without_wish.override = &none;
+  with_wish.override = &register_kernel;
+  set_shape_hint("fft", {HintOp::kFft, 40}, "", register_kernel);
+  EXPECT_NO_THROW(fft_dispatch<float>(without_wish));
+  EXPECT_THROW(fft_dispatch<float>(plain), std::runtime_error);
+  shape_hint_clear();
+  EXPECT_NO_THROW(fft_dispatch<float>(plain));
+  EXPECT_THROW(fft_dispatch<float>(with_wish), std::runtime_error);
   KEVRA_CHECK(deviceSynchronize());
 }
 
