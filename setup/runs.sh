@@ -48,7 +48,7 @@ run_cpp() {
   fi
   headline "C++ tests ($1)"
   "$(first_running ctest)" --test-dir "$build_dir" -j "$processors" --output-on-failure --no-tests=ignore \
-    --timeout 600 --output-junit "$reports/cpp-$1.xml" "${filter[@]}" || broken+=("C++ tests ($1)")
+    --timeout 240 --output-junit "$reports/cpp-$1.xml" "${filter[@]}" || broken+=("C++ tests ($1)")
 }
 
 # run_pytest LABEL: the Python tests with the package of the virtual environment. Exit status 5 says that no test
