@@ -1,6 +1,7 @@
 // Which kernel a complex transform takes, with and without wishes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <functional>
 #include <numeric>
@@ -111,33 +112,35 @@ TEST(FftRoute, FollowsWishesThatItCanHonour) {
   EXPECT_EQ(routed(8000, "float", {.var = 4}), "shared-memory 256x1") << "fits unpadded only";
 }
 
-void check_route(const FftShape& s, const ShapeHint& h, int64_t limit) {
-  const FftRoute r = route_fft(s, h, limit);
-  const int64_t row = int64_t(s.n + codegen::rader_extra(s.n)) * s.complex_bytes();
+// What is wrong with a route; empty when nothing is.
+std::string fault_of(const FftRoute& r, const FftShape& s, const ShapeHint& h, int64_t limit) {
   int64_t threads = 1;
   int64_t bytes = 0;
   if (r.form == FftForm::kShared) {
     threads = int64_t{r.shared.tpf} * r.shared.rows_per_block;
     bytes = static_cast<int64_t>(r.shared.shared_bytes());
-    ASSERT_GE(std::min(r.shared.tpf, r.shared.rows_per_block), 1);
+    if (std::min(r.shared.tpf, r.shared.rows_per_block) < 1) return "no threads or rows";
   } else if (r.registers.rows != 0) {
     const auto& radices = r.registers.radices;
     threads = int64_t{s.n} / r.registers.ept * (r.form == FftForm::kPair ? 1 : r.registers.rows);
     bytes = static_cast<int64_t>(r.registers.shared_bytes);
-    ASSERT_NE(h.core, 1);
-    ASSERT_EQ(std::accumulate(radices.begin(), radices.end(), 1, std::multiplies<>()), s.n);
-    ASSERT_EQ(radices.front(), r.registers.ept);
-    for (int radix : radices) ASSERT_TRUE(radix >= 2 && radix <= r.registers.ept);
+    if (h.core == 1) return "a register kernel";
+    if (std::accumulate(radices.begin(), radices.end(), 1, std::multiplies<>()) != s.n ||
+        radices.front() != r.registers.ept ||
+        std::any_of(radices.begin(), radices.end(),
+                    [&](int radix) { return radix < 2 || radix > r.registers.ept; })) {
+      return "radices";
+    }
   }
-  ASSERT_GE(threads, 1);
-  ASSERT_LE(threads, 1024);
-  ASSERT_TRUE(bytes <= limit || row > limit) << bytes << " bytes";
+  if (threads < 1 || threads > 1024) return std::to_string(threads) + " threads";
+  const bool size_fits = codegen::fits_shared(s.n, s.wide ? 2 : 1, limit);
+  return bytes > limit && size_fits ? std::to_string(bytes) + " bytes" : "";
 }
 
 TEST(FftRoute, KeepsWithinBlockAndMemoryWhateverIsWished) {
   std::vector<ShapeHint> hints;
-  for (int core : {-1, 0, 1, 2, 99}) {
-    for (int wish : {INT_MIN, -1, 0, 1, 3, 7, 64, 1024, INT_MAX}) {
+  for (int core : {-1, 0, 1, 2}) {
+    for (int wish : {INT_MIN, 1, 7, 1024, INT_MAX}) {
       hints.push_back({.ept = wish, .core = core});
       hints.push_back({.fpb = wish, .core = core});
       hints.push_back({.tpf = wish, .core = core});
@@ -147,18 +150,19 @@ TEST(FftRoute, KeepsWithinBlockAndMemoryWhateverIsWished) {
   }
   std::vector<int> sizes(66);
   std::iota(sizes.begin(), sizes.end(), 1);
-  for (int n : {169,  256,  343,  384,  512,  625,  720,   1000,  1024,  1331,       2048,   3125,
-                4096, 4913, 7999, 8000, 8192, 8200, 16384, 32768, 99225, 2147483640, INT_MAX}) {
+  for (int n : {169,  256,  343,  384,  512,  625,  720,  1000, 1024,  1331,
+                2048, 3125, 4096, 4913, 7999, 8000, 8192, 8200, 16384, 32768}) {
     sizes.push_back(n);
   }
   for (int n : sizes) {
     for (const char* data : {"float", "double", "half", "packed"}) {
       for (int64_t limit : {int64_t{16384}, kLimit, kLarge}) {
         for (const ShapeHint& h : hints) {
-          SCOPED_TRACE(testing::Message()
-                       << n << " " << data << ", limit " << limit << ", wish " << h.ept << " "
-                       << h.fpb << " " << h.tpf << " " << h.core << " " << h.var);
-          ASSERT_NO_FATAL_FAILURE(check_route(shape_of(n, data), h, limit));
+          const FftShape s = shape_of(n, data);
+          const FftRoute r = route_fft(s, h, limit);
+          ASSERT_EQ(fault_of(r, s, h, limit), "")
+              << spelled(r) << " for " << n << " " << data << ", limit " << limit << ", wish "
+              << h.ept << " " << h.fpb << " " << h.tpf << " " << h.core << " " << h.var;
         }
       }
     }

@@ -136,7 +136,6 @@ TEST(UniformSchedule, TakesTheLargestFirstRadixThatAllOthersDivide) {
 
 TEST(FourStepSplit, IsTheMostBalancedThatFits) {
   EXPECT_EQ(four_step_split(46340 * 46340, 1, 1 << 20), std::pair(46340, 46340));
-  EXPECT_EQ(four_step_split(INT_MAX, 1, 65536), std::pair(0, 0));
   for (int prec : {0, 1, 2}) {
     for (int64_t cap : {INT64_MIN, int64_t{0}, int64_t{32}, int64_t{264}, int64_t{1024}}) {
       for (int n = 0; n <= 1200; ++n) {
