@@ -165,7 +165,7 @@ TEST_F(Tables, ThreadsThatAskTogetherGetOne) {
 
 using Complex = std::complex<double>;
 
-TEST(Twiddles, AreTheRootsOfEverySection) {
+TEST(Twiddles, AreRootsRoundedOnce) {
   const auto check = [](const std::vector<Complex>& table, int first, int count, int n) {
     for (int k = 0; k < count; ++k) {
       const auto want = std::polar(1.0L, -2 * std::numbers::pi_v<long double> * k / n);
