@@ -124,7 +124,7 @@ def test_each_device_runs_its_own_kernels_on_its_own_memory(tmp_path):
 
 
 def queue_behind_long_work():
-    """The time that a call took, and that the work took which it was queued behind."""
+    """Times: until the calls have returned, until their stream is done, and from there until the device is."""
     long_frame = 60_000_000 if os.environ.get("KEVRA_CPU_CHECK", "0") == "0" else 2_000_000
     y = Y.astype(np.float32)
     with Device() as device:
@@ -141,12 +141,15 @@ def queue_behind_long_work():
                 device.call(wait, ctypes.c_void_p(stream))
         device.synchronize(stream)
         done = time.perf_counter() - begin
+        device.call("hipDeviceSynchronize")
+        rest = time.perf_counter() - begin - done
         want = rms_reference(y, 30, 64, 30, True)
         np.testing.assert_allclose(device.download(out, want.shape, np.float32), want, rtol=rms_tolerance(FLOAT, 64))
-    return returned, done
+    return returned, done, rest
 
 
 def test_resident_calls_return_before_their_work_is_done():
-    returned, done = fresh(queue_behind_long_work, env={
+    returned, done, rest = fresh(queue_behind_long_work, env={
         "KEVRA_CPU_FAIL": "hipStreamSynchronize:1:77,hipDeviceSynchronize:1:77"})
     assert returned < done / 2, f"returned after {returned:.3f} s of {done:.3f} s"
+    assert rest < done, f"the work ran on another stream, {rest:.3f} s longer than the {done:.3f} s of its own"

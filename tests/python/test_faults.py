@@ -8,7 +8,7 @@ from pathlib import Path
 import kevra
 import numpy as np
 import pytest
-from kevra import _rocm
+from kevra import _diagnostics, _rocm
 from support import (
     DOUBLE, FLOAT, Device, Fresh, HipFailure, assert_fft, fft_reference, pools_in_use, rms_reference, rms_tolerance,
 )
@@ -166,6 +166,18 @@ def test_each_call_fails_once(operation, name, tmp_path):
                 made_good = compiled and name in MADE_GOOD_BY_A_COMPILE
                 assert_failures(failures, None if made_good else pattern, f"call {k} of {name}, {compiled=}")
             assert not list(cache.rglob("*.tmp*"))
+
+
+def cached_after_a_refusal():
+    kevra.rms_staged(X, 200, 100, True)
+    kevra.rms_staged(np.ones((1, 100_000), np.float32), 100_000, 1, False)
+    return _diagnostics.read()["pools"]["pinned"]["cached_bytes"]
+
+
+def test_a_refused_pinned_block_empties_the_cache_first():
+    # The third block is the second call's upload; the least block, 256 bytes, holds that call's one value.
+    value, errors = Fresh(cached_after_a_refusal, env={"KEVRA_CPU_FAIL": "hipHostMalloc:3"}).result()
+    assert "call 3 of hipHostMalloc fails" in errors and value == 400_000 + 256
 
 
 @pytest.mark.parametrize("plan, pattern", COMBINED, ids=[plan for plan, _ in COMBINED])
