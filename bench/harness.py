@@ -39,17 +39,22 @@ class Figure:
 def options(description: str, more: dict[str, dict] | None = None, **counts: int) -> argparse.Namespace:
     """The command line: --json, --gpu, one option a count, its default given, and those of `more`, as argparse has
     them."""
-    parser = argparse.ArgumentParser(prog=f"bench/run {Path(sys.argv[0]).stem}", description=description)
+    parser = parser_of(description, more or {}, counts)
     parser.add_argument("--json", metavar="FILE", help="write the figures to a file too")
     parser.add_argument("--gpu", action="store_true", help="measure the GPU that HIP finds, not the CPU device")
-    for name, default in counts.items():
-        parser.add_argument(f"--{name}", type=positive, default=default, metavar="N", help=f"default: {default}")
-    for name, keywords in (more or {}).items():
-        parser.add_argument(f"--{name}", **keywords)
     chosen = parser.parse_args()
     if not chosen.gpu:
         kevra.use_cpu_device()
     return chosen
+
+
+def parser_of(description: str, more: dict[str, dict], counts: dict[str, int]) -> argparse.ArgumentParser:
+    parser = argparse.ArgumentParser(prog=f"bench/run {Path(sys.argv[0]).stem}", description=description)
+    for name, default in counts.items():
+        parser.add_argument(f"--{name}", type=positive, default=default, metavar="N", help=f"default: {default}")
+    for name, keywords in more.items():
+        parser.add_argument(f"--{name}", **keywords)
+    return parser
 
 
 def cpu_device_only(chosen: argparse.Namespace, reason: str) -> None:
@@ -66,8 +71,7 @@ def positive(text: str) -> int:
 
 def report(chosen: argparse.Namespace, measured: str, figures: list[Figure], notes: dict[str, str] | None = None) -> int:
     """Prints the figures and returns the exit status: 0 when every one is within its bar."""
-    machine = f"{processor()}, {os.cpu_count()} processors, load {os.getloadavg()[0]:.1f}"
-    lines = {"machine": machine, "device": device(), "measured": measured, **(notes or {})}
+    lines = {"machine": machine(), "device": device(), "measured": measured, **(notes or {})}
     width = max(len(name) for name in [*lines, *(figure.name for figure in figures)])
     for name, text in lines.items():
         print(f"{name:<{width}}  {text}")
@@ -80,6 +84,10 @@ def report(chosen: argparse.Namespace, measured: str, figures: list[Figure], not
         record = {**lines, "figures": [{**asdict(figure), "passed": figure.passed} for figure in figures]}
         Path(chosen.json).write_text(json.dumps(record, indent=2) + "\n")
     return 0 if all(figure.passed for figure in figures) else 1
+
+
+def machine() -> str:
+    return f"{processor()}, {os.cpu_count()} processors, load {os.getloadavg()[0]:.1f}"
 
 
 def processor() -> str:

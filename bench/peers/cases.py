@@ -1,0 +1,109 @@
+"""The shapes that are compared, their input, the exact result, and how far from it a result may be."""
+
+import math
+from dataclasses import asdict, dataclass
+
+import numpy as np
+import scipy.fft
+
+POWERS = [16, 32, 64, 128, 256, 512, 1024, 2048]
+AWKWARD = [100, 240, 360, 480, 600, 720, 960, 1000, 1200, 1536, 3125]
+BATCHES = [1, 16, 256, 4096]
+SIGNALS = [(1, 16384), (1, 1440000), (16, 160000), (256, 16384)]  # (batch, samples)
+FRAMES = [(2048, 512), (400, 160)]  # (frame length, hop): of music at 44.1 kHz, of speech at 16 kHz
+EPS = {"float": 2.0**-23, "double": 2.0**-52}
+
+
+@dataclass(frozen=True)
+class Case:
+    operation: str  # fft: rows of n complex values; rms: rows of n samples, frames centred
+    precision: str  # float or double
+    n: int
+    batch: int
+    frame_length: int = 0
+    hop: int = 0
+
+    @property
+    def real(self) -> np.dtype:
+        return np.dtype(np.float64 if self.precision == "double" else np.float32)
+
+    @property
+    def complex(self) -> np.dtype:
+        return np.dtype(np.complex128 if self.precision == "double" else np.complex64)
+
+    @property
+    def frames(self) -> int:
+        return self.n // self.hop + 1
+
+    @property
+    def output(self) -> tuple[tuple[int, int], np.dtype]:
+        """Shape and type of the result."""
+        if self.operation == "fft":
+            return (self.batch, self.n), self.complex
+        return (self.batch, self.frames), self.real
+
+    @property
+    def bytes_moved(self) -> int:
+        """The input once in and the result once out: what no kernel can do without."""
+        (rows, columns), result = self.output
+        read = self.complex if self.operation == "fft" else self.real
+        return self.batch * self.n * read.itemsize + rows * columns * result.itemsize
+
+    def record(self) -> dict:
+        return {name: value for name, value in asdict(self).items() if value}
+
+    def __str__(self) -> str:
+        frames = f", frame {self.frame_length}, hop {self.hop}" if self.operation == "rms" else ""
+        return f"{self.operation} of {self.batch} x {self.n} {self.precision}{frames}"
+
+
+def grid(sizes: list[int], batches: list[int], signals: list[tuple[int, int]], operations: list[str]) -> list[Case]:
+    cases = []
+    for precision in EPS:
+        if "fft" in operations:
+            cases += [Case("fft", precision, n, batch) for n in sizes for batch in batches]
+        if "rms" in operations:
+            cases += [Case("rms", precision, n, batch, *frame) for batch, n in signals for frame in FRAMES]
+    return cases
+
+
+def make_input(case: Case) -> np.ndarray:
+    random = np.random.default_rng([case.n, case.batch])
+    if case.operation == "rms":
+        return random.standard_normal((case.batch, case.n), dtype=case.real)
+    return random.standard_normal((case.batch, 2 * case.n), dtype=case.real).view(case.complex)
+
+
+def exact(case: Case, x: np.ndarray) -> np.ndarray:
+    """The result in double precision."""
+    if case.operation == "fft":
+        return scipy.fft.fft(x.astype(np.complex128), workers=-1)
+    return framed_rms(np, x.astype(np.float64), case)
+
+
+def framed_rms(arrays, x, case: Case):
+    """What a user of numpy writes, or of a library with numpy's functions."""
+    pad = case.frame_length // 2
+    padded = arrays.pad(x, ((0, 0), (pad, pad)), mode="reflect")
+    row, sample = padded.strides
+    shape = (case.batch, case.frames, case.frame_length)
+    frames = arrays.lib.stride_tricks.as_strided(padded, shape, (row, case.hop * sample, sample))
+    return arrays.sqrt(arrays.mean(frames**2, axis=2))
+
+
+def bound(case: Case) -> float:
+    """Largest relative L2 error. A fast transform's grows with its depth; sums of a frame may be taken one by one."""
+    if case.operation == "fft":
+        return 3 * EPS[case.precision] * math.sqrt(math.log2(case.n))
+    return EPS[case.precision] * math.sqrt(case.frame_length)
+
+
+def disagreement(case: Case, name: str, result: np.ndarray, wanted: np.ndarray) -> str | None:
+    """Why a result must not be timed, or None for one that agrees."""
+    shape, dtype = case.output
+    if result.shape != shape or result.dtype != dtype:
+        return f"{case}: {name} gives {result.dtype} of {result.shape}, must be {dtype} of {shape}; not timed"
+    error = float(np.linalg.norm((result - wanted).ravel()) / np.linalg.norm(wanted.ravel()))
+    if not error <= bound(case):  # a NaN is no agreement either
+        return f"{case}: {name} is off by {error:.2g} (relative L2), must be at most {bound(case):.2g}; not timed"
+    return None

@@ -1,0 +1,137 @@
+"""Who is timed: kevra's functions, and what a user would pick instead. Optional peers are left out when absent."""
+
+import importlib
+from collections.abc import Callable
+from dataclasses import dataclass
+
+import harness
+import kevra
+import numpy as np
+import scipy.fft
+from peers import timing
+from peers.cases import Case, framed_rms
+
+BITS = {"float": 32, "double": 64}
+PREC = {"float": 1, "double": 2}
+
+
+@dataclass
+class Contender:
+    name: str
+    call: Callable[[], object]
+    result: Callable[[object], np.ndarray] = np.asarray  # of what `call` returned
+    clock: timing.Clock = timing.wall_clock
+    ours: bool = False
+
+
+def find(names: dict[str, str], needs_gpu: bool) -> tuple[dict, dict[str, str]]:
+    """Imports modules, given by what they are called; returns those that can be used, and why the others cannot."""
+    found, absent = {}, {}
+    for module, name in names.items():
+        try:
+            library = importlib.import_module(module)
+        except ImportError:
+            absent[name] = "not installed, left out"
+            continue
+        if needs_gpu and not library.cuda.is_available():
+            absent[name] = "sees no GPU, left out"
+        else:
+            found[module] = library
+    return found, absent
+
+
+class Resident:
+    """kevra on memory that stays on the device; freed at the end of a `with`."""
+
+    def __init__(self, hip: harness.Hip, case: Case, x: np.ndarray):
+        self.hip, self.case = hip, case
+        shape, dtype = case.output
+        self.answer = np.empty(shape, dtype)
+        self.x, self.out = hip.upload(x), hip.malloc(self.answer.nbytes)
+        precision = PREC[case.precision]
+        if case.operation == "fft":
+            self.arguments = (self.x, self.out, case.batch, case.n, False, precision, 0, 0)
+            self.function = kevra.fft_resident
+        else:
+            frames = (case.frames, case.frame_length, case.hop, True)
+            self.arguments = (self.x, self.out, case.batch, case.n, *frames, precision, 0, 0)
+            self.function = kevra.rms_resident
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.hip.synchronize()
+        self.hip.free(self.x, self.out)
+
+    def queue(self) -> None:
+        self.function(*self.arguments)
+
+    def run(self) -> None:
+        self.function(*self.arguments)
+        self.hip.synchronize()
+
+    def result(self, _) -> np.ndarray:
+        self.hip.synchronize()
+        self.hip.download(self.answer, self.out)
+        return self.answer
+
+
+def hinted(case: Case, resident: Resident, known: dict) -> bool:
+    """Whether the size had to be hinted onto the shared-memory kernel; a hint holds for every batch after it."""
+    size = (case.n, case.precision)
+    if case.operation == "fft" and size not in known:
+        _, known[size] = harness.on_a_built_route(case.n, False, BITS[case.precision], resident.run)
+    return known.get(size, False)
+
+
+def on_the_cpu(case: Case, x: np.ndarray, resident: Resident, libraries: dict, threads: int) -> list[Contender]:
+    if case.operation == "fft":
+        staged = Contender("kevra staged", lambda: kevra.fft_staged(x, False), ours=True)
+        peers = [
+            Contender("scipy 1", lambda: scipy.fft.fft(x, workers=1)),
+            Contender("scipy all", lambda: scipy.fft.fft(x, workers=threads)),
+            Contender("numpy", lambda: np.fft.fft(x)),
+        ]
+    else:
+        frame = (case.frame_length, case.hop)
+        staged = Contender("kevra staged", lambda: kevra.rms_staged(x, *frame, True), ours=True)
+        peers = [Contender("numpy", lambda: framed_rms(np, x, case))]
+        if "librosa" in libraries:
+            peers.append(librosa_rms(libraries["librosa"], case, x))
+    if "torch" in libraries:
+        libraries["torch"].set_num_threads(threads)
+        peers.append(in_torch(libraries["torch"], case, x, "cpu", timing.wall_clock))
+    return [Contender("kevra resident", resident.run, resident.result, ours=True), staged, *peers]
+
+
+def librosa_rms(librosa, case: Case, x: np.ndarray) -> Contender:
+    options = {"frame_length": case.frame_length, "hop_length": case.hop, "pad_mode": "reflect", "dtype": case.real}
+    return Contender("librosa", lambda: librosa.feature.rms(y=x, **options), lambda answer: answer[:, 0, :])
+
+
+def in_torch(torch, case: Case, x: np.ndarray, place: str, clock: timing.Clock) -> Contender:
+    there = torch.from_numpy(x).to(place)
+    pad = case.frame_length // 2
+
+    def rms():
+        padded = torch.nn.functional.pad(there, (pad, pad), mode="reflect")
+        return padded.unfold(-1, case.frame_length, case.hop).square().mean(-1).sqrt()
+
+    call = (lambda: torch.fft.fft(there)) if case.operation == "fft" else rms
+    return Contender("torch", call, lambda answer: answer.cpu().numpy(), clock)
+
+
+def on_the_gpu(case: Case, x: np.ndarray, resident: Resident, libraries: dict) -> list[Contender]:
+    """Everything lies in device memory, and every library's own events time what it queues on the null stream."""
+    clock = timing.hip_clock(resident.hip)
+    contenders = [Contender("kevra resident", resident.queue, resident.result, clock, ours=True)]
+    if "torch" in libraries:
+        torch = libraries["torch"]
+        contenders.append(in_torch(torch, case, x, "cuda", timing.torch_clock(torch)))
+    if "cupy" in libraries:
+        cupy = libraries["cupy"]
+        there = cupy.asarray(x)
+        call = (lambda: cupy.fft.fft(there)) if case.operation == "fft" else (lambda: framed_rms(cupy, there, case))
+        contenders.append(Contender("cupy", call, cupy.asnumpy, timing.cupy_clock(cupy)))
+    return contenders
