@@ -19,7 +19,7 @@ def main() -> int:
     if not os.environ.get("KEVRA_HIP_PATH") and nvidia_driver():
         kevra.use_cuda_device()
     if not kevra.available():
-        raise SystemExit("No GPU: `python -m kevra` tells what was looked for; `bench/run cpu` measures the CPU device.")
+        raise SystemExit("No GPU: `python -m kevra` tells what was looked for; `bench/run cpu` needs none.")
     scripts = {"first_call": ["--gpu", "--warm", str(chosen.starts), "--cold", str(chosen.starts)]}
     return comparison.compare(chosen, "gpu", contenders.on_the_gpu, libraries, absent, scripts)
 
