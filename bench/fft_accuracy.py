@@ -200,7 +200,7 @@ def draw(file: str, errors: list[Error]) -> None:
     axes.set_xlabel("transform length n, every one with prime factors up to 13")
     figure.supylabel("relative L2 error, the larger of forward and inverse", fontsize=10)
     figure.set_layout_engine("constrained")
-    figure.savefig(file, facecolor="white", metadata={"Date": None} if file.endswith(".svg") else None)
+    figure.savefig(file, facecolor="white", metadata={"Date": None, "Creator": None} if file.endswith(".svg") else None)
 
 
 if __name__ == "__main__":
