@@ -181,14 +181,15 @@ bool within_seconds(double seconds, Condition condition) {
 }
 
 // The switches are read once a process: a case that needs some runs itself again as a child
-// with them. True in the child, where the case goes on; false in the parent, which has
-// checked that the child passed and left its output in `output`.
+// with them, and without those that the whole run was started with. True in the child, where
+// the case goes on; false in the parent, which has checked that the child passed and left its
+// output in `output`.
 using Environment = std::vector<std::pair<const char*, const char*>>;
 
 inline bool in_child_with(const Environment& environment, std::string* output = nullptr) {
   if (std::getenv("KEVRA_TEST_CHILD")) return true;
   const auto* self = testing::UnitTest::GetInstance()->current_test_info();
-  std::string command = "KEVRA_TEST_CHILD=1 ";
+  std::string command = "env -u KEVRA_CPU_ORDER -u KEVRA_CPU_CHECK KEVRA_TEST_CHILD=1 ";
   for (const auto& [name, value] : environment) {
     command += std::string(name) + "='" + value + "' ";
   }

@@ -95,7 +95,7 @@ extern "C" __global__ void total(const float* x, double* out, int n) {
   __shared__ unsigned long long unused[3][2];
   __shared__ int __align__(16) visits[4];
   int tid = threadIdx.x;
-  if (tid < 4) visits[tid] = 0;
+  for (int i = tid; i < 4; i += blockDim.x) visits[i] = 0;
   double sum = 0;
   for (int i = tid; i < n; i += blockDim.x) sum += x[(long long)blockIdx.x * n + i];
   sums[tid] = sum;
