@@ -11,10 +11,9 @@ start_runs() {
 headline() { printf '\n== %s\n' "$*"; }
 
 run_label() {
-  local label=plain
-  [ -z "$1" ] || label="order $1"
-  [ -z "$2" ] || label="$label, checked"
-  say "$label"
+  local order=${1:+order $1} check=${2:+checked} label
+  label=$order${order:+${check:+, }}$check
+  say "${label:-plain}"
 }
 
 # ctest_filter EXPRESSION: ctest's arguments for a pytest expression of the form "a or b", "a and not b" or "not a",
