@@ -1,30 +1,22 @@
-// Every KEVRA_CPU_* switch of the environment, read once a process into one record.
+// The KEVRA_CPU_* switches of the environment, read once a process into one record; failures on
+// demand (KEVRA_CPU_FAIL) are in platform/common/faults.h.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <vector>
 
 namespace kevra_cpu {
 
 enum class Order { forward, reverse, shuffle };
-
-// One entry of KEVRA_CPU_FAIL: the `call`-th call of `name` (counted from 1) gives `code`.
-struct Failure {
-  std::string name;
-  uint64_t call = 1;
-  int code = 1;
-};
 
 struct Settings {
   std::string clang;  // CLANG: compiler to run; empty when unset: the compiler side finds one
   int threads = 1;    // THREADS: worker threads; unset: the processors of this process
   int devices = 1;    // DEVICES: 0 to 64
   size_t memory = 0;  // MEMORY: bytes a device; unset: half of the machine's memory
-  size_t shared_limit = 65536;    // SHARED_LIMIT: bytes of shared memory a block may ask for
-  std::vector<Failure> failures;  // FAIL
-  Order order = Order::forward;   // ORDER: forward, reverse or shuffle:seed
+  size_t shared_limit = 65536;   // SHARED_LIMIT: bytes of shared memory a block may ask for
+  Order order = Order::forward;  // ORDER: forward, reverse or shuffle:seed
   uint64_t order_seed = 0;
   bool null_launches = false;  // NULL: launches are accepted and do nothing
   bool check = false;          // CHECK: check mode

@@ -1,4 +1,4 @@
-#include "compiler/compile.h"
+#include "platform/common/compile.h"
 
 #include <dlfcn.h>
 #include <link.h>
@@ -8,9 +8,10 @@
 #include "common/settings.h"
 #include "compiler/rewrite.h"
 #include "compiler/temporary_folder.h"
-#include "kernel/device_text.h"
-#include "kernel/image.h"
+#include "kernel/architecture.h"
 #include "kernel/toolchain.h"
+#include "platform/common/device_text.h"
+#include "platform/common/image.h"
 
 namespace kevra_cpu {
 
@@ -60,20 +61,6 @@ void append(Command& command, const Command& more) {
   command.insert(command.end(), more.begin(), more.end());
 }
 
-// The name in a form that a #line can hold.
-std::string quoted(const std::string& name) {
-  std::string text;
-  for (const char c : name)
-    if (c != '\n') (c == '"' || c == '\\' ? text += '\\' : text) += c;
-  return text;
-}
-
-std::string unit_text(const KernelSource& source) {
-  std::string text = "#line 1 \"kevra device\"\n" + std::string(device_text);
-  text += "#line 1 \"" + quoted(source.name) + "\"\n";
-  return text + rewrite_kernels(source.text);
-}
-
 // The math library that this process runs with: its path needs no development files.
 std::string math_library() {
   void* handle = dlopen("libm.so.6", RTLD_LAZY);
@@ -96,8 +83,11 @@ Command link_command(const std::string& object, const std::string& library) {
 }
 
 }  // namespace
+}  // namespace kevra_cpu
 
-Compiled compile_kernels(const KernelSource& source, const std::vector<std::string>& includes) {
+kevra_platform::Compiled kevra_platform::compile_kernels(const KernelSource& source,
+                                                         const std::vector<std::string>& includes) {
+  using namespace kevra_cpu;
   if (clang_path().empty())
     return {{},
             "The CPU device compiles kernels with clang++ 16 or newer, and none was found: "
@@ -105,7 +95,7 @@ Compiled compile_kernels(const KernelSource& source, const std::vector<std::stri
   const TemporaryFolder folder;
   const std::string text = folder.file("kernel.cpp"), object = folder.file("kernel.o"),
                     library = folder.file("kernel.so");
-  write_file(text, unit_text(source));
+  write_file(text, with_device_text(source.name, rewrite_kernels(source.text)));
 
   Command compile = {clang_path()};
   append(compile, compile_options);
@@ -116,10 +106,8 @@ Compiled compile_kernels(const KernelSource& source, const std::vector<std::stri
   if (compiled.status != 0) return {{}, compiled.output};
 
   const ProgramResult linked = run_program(link_command(object, library));
-  std::vector<std::byte> image = make_image(read_file(library));
+  std::vector<std::byte> image = make_image(read_file(library), code_object_tag());
   if (linked.status != 0 || image.empty())
     return {{}, compiled.output + "The kernel compiled but could not be linked:\n" + linked.output};
   return {std::move(image), compiled.output};
 }
-
-}  // namespace kevra_cpu

@@ -9,10 +9,13 @@
 #include <fstream>
 
 #include "common/settings.h"
-#include "kernel/hash.h"
 #include "kernel/toolchain.h"
+#include "platform/common/device_text.h"
+#include "platform/common/hash.h"
 
 namespace fs = std::filesystem;
+
+using namespace kevra_platform;
 
 namespace kevra_cpu {
 
@@ -106,6 +109,10 @@ std::string make_name() {
 std::string architecture_name() {
   static const std::string name = make_name();
   return name;
+}
+
+kevra_platform::ImageTag code_object_tag() {
+  return {"KEVRACPU", device_version, architecture_name()};
 }
 
 }  // namespace kevra_cpu

@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "platform/common/image.h"
+
 namespace kevra_cpu {
 
 // "cpu-", the compiler's own name of the processor, a short hash of the instruction sets that it
@@ -10,5 +12,8 @@ namespace kevra_cpu {
 // cached code object may be loaded. Without a compiler the name is made of the hash of the
 // processor's own flags.
 std::string architecture_name();
+
+// What code objects made here are marked with.
+kevra_platform::ImageTag code_object_tag();
 
 }  // namespace kevra_cpu

@@ -7,15 +7,15 @@
 #include <mutex>
 
 #include "common/settings.h"
+#include "kernel/architecture.h"
 #include "kernel/checker.h"
-#include "kernel/image.h"
 #include "kernel/memory_file.h"
+#include "platform/common/abi.h"
+#include "platform/common/image.h"
 
 namespace kevra_cpu {
 
 namespace {
-
-constexpr int invalid_image = 200;
 
 // A path to the descriptor that no other load has used: the dynamic loader takes an object whose
 // path it has seen for the same object, and descriptors are used again. "/." and "//" change a
@@ -51,11 +51,11 @@ Kernel* CodeObject::find(const char* name) {
 
 int load_code_object(const void* image, CodeObject** out) {
   std::vector<std::byte> elf;
-  if (const int code = open_image(image, &elf)) return code;
+  if (const int code = kevra_platform::open_image(image, code_object_tag(), &elf)) return code;
   void* library = load_library(elf);
-  if (library == nullptr) return invalid_image;
+  if (library == nullptr) return kevra_platform::invalid_image;
   const void* table = dlsym(library, "kevra_kernel_table");
-  if (table == nullptr) return invalid_image;
+  if (table == nullptr) return kevra_platform::invalid_image;
 
   // Code objects stay until the process ends, and reachable for whoever looks for leaks.
   static std::mutex mutex;

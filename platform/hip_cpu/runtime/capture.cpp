@@ -1,7 +1,9 @@
 #include "runtime/capture.h"
 
-#include "runtime/abi.h"
+#include "platform/common/abi.h"
 #include "runtime/stream.h"
+
+using namespace kevra_platform;
 
 namespace kevra_cpu {
 namespace {

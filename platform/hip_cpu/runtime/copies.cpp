@@ -3,6 +3,8 @@
 #include "common/settings.h"
 #include "runtime/memory.h"
 
+using namespace kevra_platform;
+
 namespace kevra_cpu {
 namespace {
 

@@ -1,7 +1,7 @@
 // Copies and fills as the caller gives them, checked and made ready for a queue.
 #pragma once
 
-#include "runtime/abi.h"
+#include "platform/common/abi.h"
 #include "runtime/command.h"
 
 namespace kevra_cpu {
@@ -19,6 +19,6 @@ int check_fill(const Fill& fill);
 Copy plain_copy(void* destination, const void* source, size_t bytes);
 
 // 0, or 1 for a record that asks for arrays, unknown memory types or rows wider than a pitch.
-int read_copy_2d(const Copy2DRecord& record, Copy* out, DeviceSides* sides);
+int read_copy_2d(const kevra_platform::Copy2DRecord& record, Copy* out, DeviceSides* sides);
 
 }  // namespace kevra_cpu

@@ -5,6 +5,8 @@
 #include "common/settings.h"
 #include "runtime/handles.h"
 
+using namespace kevra_platform;
+
 namespace kevra_cpu {
 namespace {
 

@@ -5,7 +5,7 @@
 #include <shared_mutex>
 #include <vector>
 
-#include "runtime/abi.h"
+#include "platform/common/abi.h"
 #include "runtime/stream.h"
 
 namespace kevra_cpu {
@@ -45,7 +45,7 @@ std::shared_ptr<Stream> resolve_stream(void* handle);
 template <typename Body>
 int on_stream(void* handle, Body body) {
   const std::shared_ptr<Stream> stream = resolve_stream(handle);
-  if (!stream) return handle ? invalid_handle : no_device;
+  if (!stream) return handle ? kevra_platform::invalid_handle : kevra_platform::no_device;
   return body(stream);
 }
 

@@ -1,7 +1,9 @@
 #include "runtime/event.h"
 
-#include "runtime/abi.h"
+#include "platform/common/abi.h"
 #include "runtime/queue.h"
+
+using namespace kevra_platform;
 
 namespace kevra_cpu {
 

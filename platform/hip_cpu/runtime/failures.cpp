@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <set>
 
-#include "runtime/abi.h"
+#include "platform/common/abi.h"
+
+using namespace kevra_platform;
 
 namespace kevra_cpu {
 namespace {

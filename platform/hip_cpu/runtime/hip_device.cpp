@@ -1,16 +1,17 @@
 // Exported: initialisation, devices and their properties, error texts.
 #include <unistd.h>
 
-#include <cstring>
+#include <algorithm>
 #include <string>
 
 #include "common/settings.h"
 #include "kernel/architecture.h"
+#include "platform/common/entry.h"
 #include "runtime/device.h"
-#include "runtime/entry.h"
 #include "runtime/queue.h"
 
 using namespace kevra_cpu;
+using namespace kevra_platform;
 
 namespace {
 
@@ -22,12 +23,6 @@ int last_level_cache_bytes() {
     if (bytes > 0) return static_cast<int>(std::min<long>(bytes, INT32_MAX));
   }
   return 0;
-}
-
-void set_text(char (&field)[256], const std::string& text) {
-  const size_t length = std::min(text.size(), sizeof field - 1);
-  std::memcpy(field, text.data(), length);
-  field[length] = '\0';
 }
 
 int missing_device() {
@@ -88,12 +83,11 @@ KEVRA_HIP_EXPORT int hipGetDevicePropertiesR0600(DeviceProperties* properties, i
   return entry("hipGetDevicePropertiesR0600", [&]() -> int {
     if (!properties) return invalid_value;
     if (!device_at(device)) return missing_device();
-    DeviceProperties filled{};
-    set_text(filled.name, "kevra CPU device");
-    set_text(filled.architecture, architecture_name());
-    filled.total_global_memory = settings().memory;
-    filled.multiprocessors = settings().threads;
-    *properties = filled;
+    const std::string architecture = architecture_name();
+    *properties = make_properties({.name = "kevra CPU device",
+                                   .architecture = architecture,
+                                   .memory = settings().memory,
+                                   .multiprocessors = settings().threads});
     return success;
   });
 }

@@ -1,12 +1,13 @@
 // Exported: allocation, copies and fills.
 #include "common/settings.h"
+#include "platform/common/entry.h"
 #include "runtime/copies.h"
 #include "runtime/device.h"
-#include "runtime/entry.h"
 #include "runtime/memory.h"
 #include "runtime/queue.h"
 
 using namespace kevra_cpu;
+using namespace kevra_platform;
 
 namespace {
 

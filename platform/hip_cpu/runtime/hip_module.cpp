@@ -4,12 +4,13 @@
 
 #include "common/settings.h"
 #include "kernel/launch.h"
+#include "platform/common/entry.h"
 #include "runtime/device.h"
-#include "runtime/entry.h"
 #include "runtime/handles.h"
 #include "runtime/queue.h"
 
 using namespace kevra_cpu;
+using namespace kevra_platform;
 
 namespace {
 

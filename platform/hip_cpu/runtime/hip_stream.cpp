@@ -1,12 +1,13 @@
 // Exported: streams, events, captures and graphs.
+#include "platform/common/entry.h"
 #include "runtime/capture.h"
 #include "runtime/device.h"
-#include "runtime/entry.h"
 #include "runtime/event.h"
 #include "runtime/handles.h"
 #include "runtime/queue.h"
 
 using namespace kevra_cpu;
+using namespace kevra_platform;
 
 namespace {
 

@@ -10,7 +10,9 @@
 #include <vector>
 
 #include "common/settings.h"
-#include "runtime/abi.h"
+#include "platform/common/abi.h"
+
+using namespace kevra_platform;
 
 namespace kevra_cpu {
 namespace {

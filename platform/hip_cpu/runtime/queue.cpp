@@ -1,8 +1,10 @@
 #include "runtime/queue.h"
 
-#include "runtime/abi.h"
+#include "platform/common/abi.h"
 #include "runtime/capture.h"
 #include "runtime/device.h"
+
+using namespace kevra_platform;
 
 namespace kevra_cpu {
 namespace {

@@ -1,16 +1,9 @@
-// Qualifiers and indices of the kernel language, and the entry that offers a kernel to the
+// Indices of the kernel language, and the entry that offers a kernel to the
 // block runner. `kevra_thread` is the first parameter of every kernel.
 #pragma once
 
 #include "compiler/device/check.h"
 #include "compiler/device/coroutine.h"
-
-#define __device__
-#define __host__
-#define __constant__ static
-#define __forceinline__ inline __attribute__((always_inline))
-#define __launch_bounds__(...)
-#define __align__(bytes) __attribute__((aligned(bytes)))
 
 // What the rewriting makes of shared arrays; their types stand before these.
 #define KEVRA_CPU_DYNAMIC_SHARED(name) \

@@ -5,10 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "common/faults.h"
-#include "compiler/compile.h"
+#include "platform/common/compile.h"
+#include "platform/common/faults.h"
+#include "platform/common/variables.h"
 
-using kevra_cpu::injected_failure;
+using kevra_platform::injected_failure;
 
 namespace {
 
@@ -59,8 +60,8 @@ const char* result_name(int result) {
 }
 
 struct Program {
-  kevra_cpu::KernelSource source;
-  kevra_cpu::Compiled compiled;
+  kevra_platform::KernelSource source;
+  kevra_platform::Compiled compiled;
 };
 
 // "-I<folder>" and "-I", "<folder>" are all that a caller may ask for. False, with the log
@@ -71,7 +72,8 @@ bool read_options(int count, const char* const* options, std::vector<std::string
     std::string option = options[i] != nullptr ? options[i] : "";
     if (option == "-I" && i + 1 < count && options[i + 1] != nullptr) option += options[++i];
     if (option.rfind("-I", 0) != 0 || option.size() == 2) {
-      log = "unknown option '" + option + "': the CPU device takes -I<folder> and no other\n";
+      log = "unknown option '" + option + "': the " + kevra_platform::device_label +
+            " takes -I<folder> and no other\n";
       return false;
     }
     includes.push_back(option);
@@ -84,7 +86,7 @@ int compile(Program& program, int count, const char* const* options) {
   program.compiled = {};
   if (!read_options(count, options, includes, program.compiled.log)) return invalid_option;
   try {
-    program.compiled = kevra_cpu::compile_kernels(program.source, includes);
+    program.compiled = kevra_platform::compile_kernels(program.source, includes);
   } catch (const std::exception& failure) {
     program.compiled = {{}, std::string(failure.what()) + "\n"};
   }

@@ -1,11 +1,11 @@
-// Kernel text to code object, by the machine's own compiler and linker.
+// Kernel text to code object. Each device defines it; the C interface (hiprtc.cpp) is one.
 #pragma once
 
 #include <cstddef>
 #include <string>
 #include <vector>
 
-namespace kevra_cpu {
+namespace kevra_platform {
 
 struct KernelSource {
   std::string text;
@@ -20,4 +20,4 @@ struct Compiled {
 // `includes` are options of the form -I<folder>.
 Compiled compile_kernels(const KernelSource& source, const std::vector<std::string>& includes);
 
-}  // namespace kevra_cpu
+}  // namespace kevra_platform

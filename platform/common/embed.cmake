@@ -13,12 +13,12 @@ foreach(source IN LISTS SOURCES)
 endforeach()
 string(SHA256 version "${text}${hashed}")
 string(SUBSTRING "${version}" 0 16 version)
-file(WRITE "${OUTPUT}" "#include \"kernel/device_text.h\"
+file(WRITE "${OUTPUT}" "#include \"platform/common/device_text.h\"
 
-namespace kevra_cpu {
+namespace kevra_platform {
 
 const std::string_view device_text = R\"DEVICE(${text})DEVICE\";
 const uint64_t device_version = 0x${version};
 
-}  // namespace kevra_cpu
+}  // namespace kevra_platform
 ")

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
-namespace kevra_cpu {
+namespace kevra_platform {
 
 constexpr uint64_t hash_seed = 0xcbf29ce484222325;
 
@@ -13,4 +13,4 @@ constexpr uint64_t hash_text(std::string_view text, uint64_t hash = hash_seed) {
   return hash;
 }
 
-}  // namespace kevra_cpu
+}  // namespace kevra_platform

@@ -3,10 +3,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #define KEVRA_HIP_EXPORT extern "C" __attribute__((visibility("default")))
 
-namespace kevra_cpu {
+namespace kevra_platform {
 
 enum Status : int {
   success = 0,
@@ -53,6 +54,14 @@ static_assert(offsetof(DeviceProperties, multiprocessors) == 388);
 static_assert(offsetof(DeviceProperties, architecture) == 1160);
 static_assert(sizeof(DeviceProperties) == 1472);
 
+// What a device tells of itself; the rest of the record is zero.
+struct DeviceFacts {
+  std::string_view name, architecture;
+  uint64_t memory = 0;
+  int multiprocessors = 0;
+};
+DeviceProperties make_properties(const DeviceFacts& facts);
+
 enum MemoryType : uint32_t {
   memory_unregistered = 0,
   memory_host = 1,
@@ -77,4 +86,4 @@ struct Copy2DRecord {
 static_assert(offsetof(CopySide, memory_type) == 16 && offsetof(CopySide, pitch) == 48);
 static_assert(offsetof(Copy2DRecord, destination) == 56 && sizeof(Copy2DRecord) == 128);
 
-}  // namespace kevra_cpu
+}  // namespace kevra_platform

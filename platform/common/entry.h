@@ -4,10 +4,10 @@
 #include <new>
 #include <system_error>
 
-#include "common/faults.h"
-#include "runtime/abi.h"
+#include "platform/common/abi.h"
+#include "platform/common/faults.h"
 
-namespace kevra_cpu {
+namespace kevra_platform {
 
 // Runs `body` unless the call is to fail on demand. No exception crosses the C boundary.
 template <typename Body>
@@ -24,4 +24,4 @@ int entry(const char* name, Body body) noexcept {
   }
 }
 
-}  // namespace kevra_cpu
+}  // namespace kevra_platform

@@ -1,29 +1,26 @@
-#include "kernel/image.h"
+#include "platform/common/image.h"
 
 #include <elf.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <string_view>
 
-#include "kernel/architecture.h"
-#include "kernel/device_text.h"
-#include "kernel/hash.h"
+#include "platform/common/abi.h"
+#include "platform/common/hash.h"
 
-namespace kevra_cpu {
-
+namespace kevra_platform {
 namespace {
 
-constexpr int invalid_image = 200, no_binary_for_device = 209;
 constexpr size_t largest_image = size_t(256) << 20;
 
 struct Trailer {
-  char magic[8] = {'K', 'E', 'V', 'R', 'A', 'C', 'P', 'U'};
-  uint64_t device_version = 0;  // of the text in front of every kernel
+  char maker[8] = {};
+  uint64_t version = 0;
   char architecture[104] = {};
-  uint64_t checksum = 0;  // over the shared object and all of the trailer before this
+  uint64_t checksum = 0;  // over the ELF file and all of the trailer before this
 };
 static_assert(sizeof(Trailer) == 128);
 
@@ -39,14 +36,15 @@ bool copy_bytes(void* out, const void* from, size_t bytes) {
   return copied == static_cast<ssize_t>(bytes);
 }
 
-// The length of the shared object from its own header; linkers put the section table last. 0
-// when the header is no header.
+// The length of the ELF file from its own header: one of its two tables is the last thing in it.
+// 0 when the header is no header.
 size_t elf_bytes(const Elf64_Ehdr& header) {
   if (std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 || header.e_ident[EI_CLASS] != ELFCLASS64 ||
       header.e_shentsize != sizeof(Elf64_Shdr) || header.e_shoff < sizeof header ||
-      header.e_shoff > largest_image)
+      header.e_shoff > largest_image || header.e_phoff > largest_image)
     return 0;
-  return header.e_shoff + size_t(header.e_shnum) * header.e_shentsize;
+  return std::max(header.e_shoff + size_t(header.e_shnum) * header.e_shentsize,
+                  header.e_phoff + size_t(header.e_phnum) * header.e_phentsize);
 }
 
 uint64_t checksum(const std::vector<std::byte>& elf, const Trailer& trailer) {
@@ -57,41 +55,42 @@ uint64_t checksum(const std::vector<std::byte>& elf, const Trailer& trailer) {
   return hash_text(text(&trailer, offsetof(Trailer, checksum)), hash);
 }
 
-Trailer trailer_for(const std::vector<std::byte>& elf) {
+Trailer trailer_for(const std::vector<std::byte>& elf, const ImageTag& tag) {
   Trailer trailer;
-  trailer.device_version = device_version;
-  std::strncpy(trailer.architecture, architecture_name().c_str(), sizeof trailer.architecture - 1);
+  tag.maker.copy(trailer.maker, sizeof trailer.maker);
+  trailer.version = tag.version;
+  tag.architecture.copy(trailer.architecture, sizeof trailer.architecture - 1);
   trailer.checksum = checksum(elf, trailer);
   return trailer;
 }
 
 }  // namespace
 
-std::vector<std::byte> make_image(std::vector<std::byte> elf) {
+std::vector<std::byte> make_image(std::vector<std::byte> elf, const ImageTag& tag) {
   Elf64_Ehdr header;
   if (elf.size() < sizeof header) return {};
   std::memcpy(&header, elf.data(), sizeof header);
   if (elf_bytes(header) != elf.size()) return {};
-  const Trailer trailer = trailer_for(elf);
+  const Trailer trailer = trailer_for(elf, tag);
   const auto* bytes = reinterpret_cast<const std::byte*>(&trailer);
   elf.insert(elf.end(), bytes, bytes + sizeof trailer);
   return elf;
 }
 
-int open_image(const void* image, std::vector<std::byte>* elf) {
+int open_image(const void* image, const ImageTag& expected, std::vector<std::byte>* elf) {
   Elf64_Ehdr header;
   if (image == nullptr || !copy_bytes(&header, image, sizeof header)) return invalid_image;
   const size_t bytes = elf_bytes(header);
   if (bytes == 0) return invalid_image;
   Trailer trailer;
   if (!copy_bytes(&trailer, static_cast<const std::byte*>(image) + bytes, sizeof trailer) ||
-      std::memcmp(trailer.magic, Trailer().magic, sizeof trailer.magic) != 0)
+      expected.maker != std::string_view(trailer.maker, sizeof trailer.maker))
     return invalid_image;
   elf->resize(bytes);
   if (!copy_bytes(elf->data(), image, bytes) || checksum(*elf, trailer) != trailer.checksum)
     return invalid_image;
-  const Trailer expected = trailer_for(*elf);
-  return std::memcmp(&trailer, &expected, sizeof trailer) == 0 ? 0 : no_binary_for_device;
+  const Trailer wanted = trailer_for(*elf, expected);
+  return std::memcmp(&trailer, &wanted, sizeof trailer) == 0 ? success : no_binary_for_device;
 }
 
-}  // namespace kevra_cpu
+}  // namespace kevra_platform
