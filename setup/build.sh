@@ -1,12 +1,10 @@
 # The C++ build: CMake configures a folder once for its options, ninja decides what is out of date.
-# shellcheck shell=bash disable=SC2154 # the shared variables are set by common.sh and python.sh
+# shellcheck shell=bash disable=SC2154 # the shared variables are set by common.sh, system.sh and python.sh
 
 configure_and_build() {
-  local folder=$1 target=$2 name cmake ninja key
+  local folder=$1 target=$2 name key
   shift 2
   name=$(basename "$folder")
-  cmake=$(first_running cmake)
-  ninja=$(first_running ninja)
   key=$(hash_of "$root" "$cmake" "$ninja" "$(cat "$venv/pyvenv.cfg")" "$@")
   if ! stamp_is "$folder/.configured" "$key" || [ ! -f "$folder/build.ninja" ]; then
     # A folder configured for another compiler or interpreter keeps answers of that one.

@@ -1,5 +1,5 @@
 # The system's packages: compilers, build tools, GoogleTest, recordings. Only what is missing is installed.
-# shellcheck shell=bash disable=SC2154 # the shared variables are set by common.sh
+# shellcheck shell=bash disable=SC2154,SC2034 # root is set by common.sh; ninja is used by build.sh
 
 recordings=/usr/share/sounds/alsa
 
@@ -40,17 +40,16 @@ offered_clang() {
   say "clang-16 lld-16"
 }
 
-# What stands on the path but does not run (first_running) counts as missing: the packages then put a working
-# program into /usr/bin, behind it.
-missing_packages() {
-  local missing=()
+# Sets missing, and cmake and ninja for the build. What stands on the path but does not run (first_running) counts as
+# missing: the packages then put a working program into /usr/bin, behind it.
+find_missing() {
+  missing=()
   has_gxx || missing+=(g++)
   has_cmake || missing+=(cmake)
-  first_running ninja >/dev/null || missing+=(ninja-build)
+  ninja=$(first_running ninja) || missing+=(ninja-build)
   has_clang || missing+=(clang)
   [ -f /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
   [ -f "$recordings/Front_Center.wav" ] || missing+=(alsa-utils)
-  say "${missing[*]}"
 }
 
 # install_packages PACKAGE...: "clang" stands for whichever version the distribution offers.
@@ -79,12 +78,10 @@ install_packages() {
 }
 
 setup_system() {
-  local missing
-  missing=$(missing_packages)
-  [ -n "$missing" ] || return 0
-  # shellcheck disable=SC2086 # one argument a package
-  with_lock system install_packages $missing || exit 1
+  find_missing
+  [ ${#missing[@]} != 0 ] || return 0
+  with_lock system install_packages "${missing[@]}" || exit 1
   hash -r
-  missing=$(missing_packages)
-  [ -z "$missing" ] || fail "Still missing after the installation: $missing (g++ from 11, cmake from 3.22 and clang from 16 are needed). This release of the system is too old or its mirror incomplete; a Debian 12 or an Ubuntu 24.04 has them all."
+  find_missing
+  [ ${#missing[@]} = 0 ] || fail "Still missing after the installation: ${missing[*]} (g++ from 11, cmake from 3.22 and clang from 16 are needed). This release of the system is too old or its mirror incomplete; a Debian 12 or an Ubuntu 24.04 has them all."
 }
