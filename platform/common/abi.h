@@ -29,6 +29,8 @@ enum Status : int {
   unknown_error = 999,
 };
 
+const char* status_text(int code);
+
 enum Attribute : int {
   attribute_l2_cache_bytes = 19,
   attribute_multiprocessors = 63,
