@@ -59,7 +59,7 @@ def compare(chosen: Namespace, target: str, contenders_of, libraries: dict, abse
                 by_hint = hinted(case, resident, sizes)
                 contenders = contenders_of(case, x, resident, libraries)
                 result = measure(case, x, contenders, chosen.rounds, record["copy_bytes_per_second"])
-            results.append({**case.record(), "by_hint": by_hint, **result})
+            results.append({**case.record(), "by_hint": by_hint, "load": os.getloadavg()[0], **result})
     if chosen.only_peers:
         scripts = {}
     record["other_figures"] = {script: figures_of(script, arguments) for script, arguments in scripts.items()}
@@ -90,12 +90,10 @@ def measure(case: cases.Case, x, contenders: list, rounds: int, copied: float) -
 
 def summary(timings: list[tuple[float, float]]) -> dict:
     seconds, host = zip(*timings)
-    return {
-        "median_us": statistics.median(seconds) * 1e6,
-        "least_us": min(seconds) * 1e6,
-        "most_us": max(seconds) * 1e6,
-        "host_median_us": statistics.median(host) * 1e6,
-    }
+    times = {"median_us": statistics.median(seconds), "least_us": min(seconds), "most_us": max(seconds)}
+    if host != seconds:
+        times["host_median_us"] = statistics.median(host)
+    return {name: value * 1e6 for name, value in times.items()}
 
 
 def ratio(peer: list[tuple[float, float]], own: list[tuple[float, float]]) -> float:

@@ -11,13 +11,16 @@ COLOURS = ["#1f6f8b", "#b5651d", "#5b3a8c", "#3f7d3a", "#a03050", "#555555"]
 
 
 def write(record: dict, target: str, folder: Path) -> list[Path]:
-    """Named by device and date: a second run of a day replaces the first."""
+    """Named by device and date: a second run of a day replaces the first. The JSON has a line a case."""
     name = harness.processor() if target == "cpu" else kevra.device_name()
     slug = re.sub(r"[^a-z0-9]+", "-", re.sub(r"\((R|TM)\)", "", name).lower()).strip("-")
     folder.mkdir(parents=True, exist_ok=True)
     base = folder / f"peers-{target}-{slug}-{record['date']}"
     written = [base.with_suffix(".json")]
-    written[0].write_text(json.dumps(rounded(record), indent=1) + "\n")
+    *others, cases = rounded(record).items()
+    lines = [f'"{name}": {json.dumps(value)}' for name, value in others]
+    lines.append(f'"{cases[0]}": [\n' + ",\n".join(json.dumps(case) for case in cases[1]) + "\n]")
+    written[0].write_text("{\n" + ",\n".join(lines) + "\n}\n")
     transforms = [r for r in compared(record["cases"]) if r["operation"] == "fft"]
     if transforms:
         written.append(base.with_suffix(".svg"))
