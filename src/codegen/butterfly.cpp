@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <numbers>
+#include <utility>
 
 #include "codegen/precision.h"
 #include "codegen/rader.h"
@@ -155,28 +156,31 @@ Names butterfly(KernelWriter& w, const Names& x, int r, bool conjugate) {
   return r >= 7 ? symmetric_prime(w, x, r, conjugate) : direct(w, x, r, conjugate);
 }
 
+TwiddlePowers::TwiddlePowers(KernelWriter& w, std::string index, int order, bool conjugate)
+    : w_(w), index_(std::move(index)), order_(order), conjugate_(conjugate) {}
+
+std::string TwiddlePowers::root(int q) {
+  return w_.twiddle(std::to_string(q) + " * " + index_, order_, false, conjugate_);
+}
+
+std::string TwiddlePowers::next() {
+  // A power carries the rounding of all before it: 322 factors lose eleven times the unit of the
+  // last place, so long chains start anew.
+  constexpr int kChain = 16;
+  ++q_;
+  if (w_.table_stride(order_) != 0) return root(q_);
+  if (q_ == 1) {
+    first_ = power_ = w_.twiddle(index_, order_, false, conjugate_);
+  } else {
+    power_ = q_ % kChain == 1 ? root(q_) : w_.cmul(power_, first_);
+  }
+  return power_;
+}
+
 void stage_twiddles(KernelWriter& w, Names& g, const std::string& index, int stage_len, int r,
                     bool conjugate) {
-  const auto root = [&](int q) {
-    return w.twiddle(std::to_string(q) + " * " + index, stage_len, false, conjugate);
-  };
-  if (w.table_stride(stage_len) != 0) {
-    for (int q = 1; q < r; ++q) g[q] = w.cmul(g[q], root(q));
-    return;
-  }
-  // One sincos, its powers by multiplication. A power carries the rounding of all before it: 322
-  // factors lose eleven times the unit of the last place, so long chains start anew.
-  constexpr int kChain = 16;
-  std::string power;
-  std::string first;
-  for (int q = 1; q < r; ++q) {
-    if (q == 1) {
-      first = power = w.twiddle(index, stage_len, false, conjugate);
-    } else {
-      power = q % kChain == 1 ? root(q) : w.cmul(power, first);
-    }
-    g[q] = w.cmul(g[q], power);
-  }
+  TwiddlePowers powers(w, index, stage_len, conjugate);
+  for (int q = 1; q < r; ++q) g[q] = w.cmul(g[q], powers.next());
 }
 
 }  // namespace kevra::codegen

@@ -7,6 +7,7 @@
 
 #include "codegen/butterfly.h"
 #include "codegen/precision.h"
+#include "codegen/rader_stage.h"
 #include "codegen/sizes.h"
 
 namespace kevra::codegen {
@@ -152,13 +153,17 @@ void emit_fft_stages(KernelWriter& w, const std::string& buffer, int n,
                      const std::vector<int>& radices, int tpf, bool conjugate) {
   int done = 1;
   for (int r : radices) {
-    if (is_prime_stage(r)) {
+    if (!is_prime_stage(r)) {
+      emit_stage(w, {buffer, n, r, done, tpf, conjugate},
+                 format("in-place radix-$ (Ls=$)", {std::to_string(r), std::to_string(done)}));
+    } else if (!conjugate && done * r == n) {
+      emit_rader_stage(w, {buffer, n, r, tpf});
+    } else {
       throw std::logic_error("fft stages: radix " + std::to_string(r) +
                              " of n = " + std::to_string(n) + " is a prime above " +
-                             std::to_string(kLargestDirectPrime) + ", which has no stage");
+                             std::to_string(kLargestDirectPrime) +
+                             ", which has a stage forward and as the last radix only");
     }
-    emit_stage(w, {buffer, n, r, done, tpf, conjugate},
-               format("in-place radix-$ (Ls=$)", {std::to_string(r), std::to_string(done)}));
     done *= r;
   }
 }

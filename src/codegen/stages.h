@@ -25,7 +25,8 @@ struct Stage {
 void emit_stage(KernelWriter& w, const Stage& stage, const std::string& comment);
 
 // All stages, in the order of `radices`, whose product is n. Conjugate roots scale as butterfly()
-// tells. Throws std::logic_error for a prime radix above 13.
+// tells. A prime radix above 13 takes twice the shared memory (rader_extra), has to be the last and
+// is forward only: std::logic_error otherwise.
 void emit_fft_stages(KernelWriter& w, const std::string& buffer, int n,
                      const std::vector<int>& radices, int tpf, bool conjugate);
 

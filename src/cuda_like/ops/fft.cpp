@@ -79,10 +79,6 @@ FftPlan build_plan(const FftCall& call, const FftShape& shape, const FftRoute& r
   }
   const ComplexFftKernel& kernel = route.shared;
   check_shared(kernel.shared_bytes(), call.device, "fft: n");
-  if (const int prime = codegen::rader_prime(call.n); prime != 0) {
-    throw std::runtime_error("fft: n = " + std::to_string(call.n) + " needs a Rader stage of " +
-                             std::to_string(prime) + ", which is not built yet");
-  }
   return {.fn = kernel_function(
               kernel.key(), call.device, [&] { return complex_fft_source(kernel, backend()); },
               kernel.kName),
