@@ -27,6 +27,23 @@ std::string complex_prelude(const Backend& backend, int prec) {
              {backend.vector2_type(prec), q, scalar, scalar, q, q, q});
 }
 
+std::string packed_prelude(const Backend& backend) {
+  const std::string q = backend.device_inline();
+  return backend.source_preamble(kHalf) + i64_prelude(backend) +
+         format(
+             "struct cplx { __half2 x, y; };\n"
+             "typedef __half2 iot;\n"
+             "$cplx cmk(__half2 r, __half2 i){cplx z;z.x=r;z.y=i;return z;}\n"
+             "$cplx cmk(__half r, __half i){return cmk(__half2half2(r), __half2half2(i));}\n"
+             "$cplx cmk(float r, float i){return cmk(__float2half2_rn(r), "
+             "__float2half2_rn(i));}\n"
+             "$cplx cadd(cplx a, cplx b){return cmk(__hadd2(a.x,b.x), __hadd2(a.y,b.y));}\n"
+             "$cplx csub(cplx a, cplx b){return cmk(__hsub2(a.x,b.x), __hsub2(a.y,b.y));}\n"
+             "$cplx cmul(cplx a, cplx b){return cmk(__hsub2(__hmul2(a.x,b.x), "
+             "__hmul2(a.y,b.y)), __hadd2(__hmul2(a.x,b.y), __hmul2(a.y,b.x)));}\n",
+             {q, q, q, q, q, q});
+}
+
 std::string storage_typedef(const Backend& backend, int compute, int storage) {
   return format("typedef $ iot;\n", {storage == compute ? "cplx" : backend.vector2_type(storage)});
 }

@@ -13,6 +13,8 @@ namespace kevra::codegen {
 std::string i64_prelude(const Backend& backend);
 // The above, `cplx` and `cmk`, `cadd`, `csub`, `cmul`.
 std::string complex_prelude(const Backend& backend, int prec);
+// The same vocabulary over two rows at once, one in each lane of a `__half2`, and `iot`.
+std::string packed_prelude(const Backend& backend);
 // `iot`, the type of complex data in device memory.
 std::string storage_typedef(const Backend& backend, int compute, int storage);
 

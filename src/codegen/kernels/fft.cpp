@@ -1,8 +1,8 @@
 #include "codegen/kernels/fft.h"
 
 #include "codegen/format.h"
-#include "codegen/kernel_signature.h"
 #include "codegen/kernel_writer.h"
+#include "codegen/kernels/fft_parts.h"
 #include "codegen/precision.h"
 #include "codegen/prelude.h"
 #include "codegen/sizes.h"
@@ -11,6 +11,10 @@
 
 namespace kevra::codegen {
 namespace {
+
+FftRows rows_of(const ComplexFftKernel& k) {
+  return {k.n, k.compute, k.storage, k.inverse};
+}
 
 // Two neighbouring floats-complex as one 16-byte access. A padded row can part neighbours.
 bool moves_pairs(const ComplexFftKernel& k) {
@@ -75,10 +79,8 @@ void load_quads(KernelWriter& w, const ComplexFftKernel& k) {
 }
 
 void load_singles(KernelWriter& w, const ComplexFftKernel& k) {
-  const std::string cast = "(" + w.backend.scalar_type(k.compute) + ")";
   each_access(w, k.n, [&](const std::string& i) {
-    w.stmt("iot v = xb[$]; bufA[SHP($)] = cmk($v.x, $$v.y);", i, i, cast, k.inverse ? "-" : "",
-           cast);
+    w.stmt("iot v = xb[$]; bufA[SHP($)] = $;", i, i, loaded_value(rows_of(k), "v", w.backend));
   });
 }
 
@@ -98,14 +100,6 @@ void load_row(KernelWriter& w, const ComplexFftKernel& k) {
   w.barrier();
 }
 
-// The stored parts of result `r`.
-std::string stored_real(const ComplexFftKernel& k, const std::string& r) {
-  return k.inverse ? r + ".x * INVSC" : r + ".x";
-}
-std::string stored_imaginary(const ComplexFftKernel& k, const std::string& r) {
-  return k.inverse ? "-(" + r + ".y * INVSC)" : r + ".y";
-}
-
 void store_pairs(KernelWriter& w, const ComplexFftKernel& k) {
   const char* scale = k.inverse ? " * INVSC" : "";
   const char* sign = k.inverse ? "-" : "";
@@ -122,8 +116,7 @@ void store_quads(KernelWriter& w, const ComplexFftKernel& k) {
     for (int e = 0; e < 4; ++e) {
       const std::string r = "r" + std::to_string(e);
       w.stmt("cplx $ = bufA[SHP(4 * $ + $)];", r, i, e);
-      w.stmt("hp[$] = $;", e,
-             w.backend.make_vector2(k.storage, stored_real(k, r), stored_imaginary(k, r)));
+      w.stmt("hp[$] = $;", e, stored_value(rows_of(k), r, w.backend));
     }
     w.stmt("((float4*)(out + batch * $))[$] = t;", k.n, i);
   });
@@ -137,29 +130,15 @@ void store_row(KernelWriter& w, const ComplexFftKernel& k) {
   } else {
     each_access(w, k.n, [&](const std::string& i) {
       w.stmt("cplx r = bufA[SHP($)]; out[batch * $ + $] = $;", i, k.n, i,
-             w.backend.make_vector2(k.storage, stored_real(k, "r"), stored_imaginary(k, "r")));
+             stored_value(rows_of(k), "r", w.backend));
     });
   }
 }
 
 std::string head(const ComplexFftKernel& k, const Backend& backend) {
-  std::string text = backend.source_preamble(k.storage == kHalf ? kHalf : k.compute);
-  text += complex_prelude(backend, k.compute);
-  text += storage_typedef(backend, k.compute, k.storage);
-  text += format("#define TPF $\n", {std::to_string(k.tpf)});
-  if (k.inverse) {
-    text += format("#define INVSC (($)(1.0 / $))\n",
-                   {backend.scalar_type(k.compute), std::to_string(k.n)});
-  }
-  text += shp_define(k.padded);
-  return text + KernelSignature(ComplexFftKernel::kName, backend)
-                    .add_const_pointer("iot", "x")
-                    .add_pointer("iot", "out")
-                    .add_const_pointer("cplx", "tw")
-                    .add_scalar("int", "nrows")
-                    .set_launch_bounds(k.block(), 0)
-                    .set_shared("cplx", "shbuf")
-                    .head();
+  const std::string defines = format("#define TPF $\n", {std::to_string(k.tpf)}) +
+                              inverse_define(rows_of(k), backend) + shp_define(k.padded);
+  return fft_head(fft_prelude(rows_of(k), backend), defines, k.block(), "cplx", backend);
 }
 
 }  // namespace

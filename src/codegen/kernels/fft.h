@@ -7,13 +7,14 @@
 #include <vector>
 
 #include "codegen/backend.h"
+#include "codegen/kernels/fft_parts.h"
 
 namespace kevra::codegen {
 
 // What shapes the kernel's text; the number of rows is an argument of the kernel, which takes
 // (x, out, tw, nrows). `out` may be `x`.
 struct ComplexFftKernel {
-  static constexpr const char* kName = "kevra_fft";
+  static constexpr const char* kName = kFftKernelName;
 
   int n;
   int compute;  // precision of the arithmetic: half storage computes in float

@@ -72,7 +72,20 @@ ShapeHint hint_for(const FftCall& call, const FftShape& shape) {
   return hint;
 }
 
+FftPlan build_register_plan(const FftCall& call, const FftShape& shape, const FftRoute& route) {
+  const codegen::RegisterFftKernel kernel = register_kernel(shape, route);
+  check_shared(route.registers.shared_bytes, call.device, "fft: n");
+  return {.fn = kernel_function(
+              kernel.key(), call.device, [&] { return register_fft_source(kernel, backend()); },
+              codegen::kFftKernelName),
+          .block = static_cast<unsigned>(kernel.block()),
+          .shared = route.registers.shared_bytes,
+          .group = kernel.rows,
+          .twiddles = fft_twiddles(call.n, 0, shape.wide)};
+}
+
 FftPlan build_plan(const FftCall& call, const FftShape& shape, const FftRoute& route) {
+  if (route.registers.rows != 0) return build_register_plan(call, shape, route);
   if (route.form != FftForm::kShared) {
     throw std::runtime_error("fft: n = " + std::to_string(call.n) + " takes the " +
                              fft_form_name(route.form) + " route, which is not built yet");

@@ -156,9 +156,8 @@ std::optional<FftRoute> register_route(const FftShape& s, const ShapeHint& h, in
   }
   const int ept = radices.front();
   const int threads = s.n / ept;
-  const bool packed = s.half && s.pair;
-  const bool half_exchange =
-      (std::max(h.var, 0) & kVarHalfExchange) != 0 && windows && s.half && !packed;
+  // Packed data without a pair kernel (the inverse, say) runs as half storage.
+  const bool half_exchange = (std::max(h.var, 0) & kVarHalfExchange) != 0 && windows && s.half;
 
   int rows = s.n == 8192 || (s.n == 512 && !s.half) ? 2 : 1;
   if (windows) rows = s.wide && s.n <= 1024 ? 2 : 1;
@@ -169,7 +168,7 @@ std::optional<FftRoute> register_route(const FftShape& s, const ShapeHint& h, in
 
   const int64_t words =
       windows ? static_cast<int64_t>(threads) * (ept + 1) + 32 : s.n + s.n / 16 + 1;
-  const int64_t value = s.wide ? 16 : packed ? 4 : 8;
+  const int64_t value = s.complex_bytes();
   const int64_t bytes = words * rows * (!windows ? value : half_exchange ? 2 : value / 2);
   if (bytes > limit) return std::nullopt;
   return FftRoute{FftForm::kRegister,
@@ -234,6 +233,21 @@ const char* fft_form_name(FftForm form) {
       return "shared-memory";
   }
   return "?";
+}
+
+codegen::RegisterFftKernel register_kernel(const FftShape& s, const FftRoute& route) {
+  using codegen::RegisterFftKernel;
+  const RegisterFft& reg = route.registers;
+  const auto form = route.form == FftForm::kTwoPass     ? RegisterFftKernel::kTwoPass
+                    : route.form == FftForm::kThreePass ? RegisterFftKernel::kThreePass
+                    : route.form == FftForm::kPair      ? RegisterFftKernel::kPair
+                                                        : RegisterFftKernel::kMixed;
+  return {.form = form,
+          .data = {s.n, s.wide ? 2 : 1, s.storage(), s.inverse},
+          .radices = reg.radices,
+          .rows = reg.rows,
+          .windows = reg.window_layout,
+          .half_exchange = reg.half_exchange};
 }
 
 FftRoute route_fft(const FftShape& s, const ShapeHint& h, int64_t limit) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "codegen/kernels/fft.h"
+#include "codegen/kernels/fft_register.h"
 #include "codegen/stft_config.h"
 
 namespace kevra::ops {
@@ -42,6 +43,9 @@ struct FftRoute {
   RegisterFft registers;             // of kTwoPass, kThreePass, kPair, kRegister
   codegen::ComplexFftKernel shared;  // of kShared
 };
+
+// The kernel of one of the four register forms.
+codegen::RegisterFftKernel register_kernel(const FftShape& shape, const FftRoute& route);
 
 // A hint that cannot be honoured is lowered or passed over; it never fails a transform.
 FftRoute route_fft(const FftShape& shape, const codegen::ShapeHint& hint, int64_t shared_limit);
