@@ -22,6 +22,8 @@ constexpr int64_t kSharedLimit = 64 << 10;  // bytes a block may have on every A
 
 const codegen::HipBackend hip;
 
+constexpr int kPacked = 3;  // precision code of two half rows at once
+
 const Parameter precision{"prec", codegen::kFloat, codegen::kHalf, codegen::kDouble,
                           "0 half storage, 1 float, 2 double"};
 
@@ -59,6 +61,58 @@ Kernel make_fft(const Values& values) {
       unasked.form == ops::FftForm::kShared && unasked.shared.key() == kernel.key(),
       codegen::complex_fft_source(kernel, hip),
   };
+}
+
+// The register kernel that the transform's route arrives at under the values as a hint.
+Kernel make_fft_register(const Values& values) {
+  const int prec = values.at("prec");
+  const ops::FftShape shape{.n = values.at("n"),
+                            .wide = prec == codegen::kDouble,
+                            .inverse = values.at("inverse") != 0,
+                            .half = prec == codegen::kHalf || prec == kPacked,
+                            .pair = prec == kPacked};
+  const codegen::ShapeHint hint{.ept = values.at("ept"),
+                                .fpb = values.at("rows"),
+                                .core = values.at("core"),
+                                .var = 8 * values.at("flip") + 2 * values.at("half_exchange")};
+  const ops::FftRoute route = ops::route_fft(shape, hint, kSharedLimit);
+  if (route.registers.rows == 0) {
+    throw std::invalid_argument("n = " + std::to_string(shape.n) + " takes the " +
+                                ops::fft_form_name(route.form) +
+                                " route; core=2 asks for a register kernel");
+  }
+  const codegen::RegisterFftKernel kernel = ops::register_kernel(shape, route);
+  const ops::FftRoute unasked = ops::route_fft(shape, {}, kSharedLimit);
+  return {codegen::kFftKernelName,
+          kernel.key(),
+          kernel.block(),
+          route.registers.shared_bytes,
+          unasked.registers.rows != 0 && ops::register_kernel(shape, unasked).key() == kernel.key(),
+          codegen::register_fft_source(kernel, hip)};
+}
+
+std::vector<Values> fft_register_samples() {
+  std::vector<Values> samples;
+  for (int n : {64, 96, 121, 169, 256, 343, 384, 512, 625, 1000, 1024, 1331, 2048, 4096, 8192}) {
+    for (int prec : {codegen::kHalf, codegen::kFloat, codegen::kDouble, kPacked}) {
+      for (int inverse : {0, 1}) {
+        const ops::FftShape shape{.n = n,
+                                  .wide = prec == codegen::kDouble,
+                                  .inverse = inverse != 0,
+                                  .half = prec == codegen::kHalf || prec == kPacked,
+                                  .pair = prec == kPacked};
+        const ops::FftRoute route = ops::route_fft(shape, {}, kSharedLimit);
+        // Packed data has a kernel of its own in the pair form alone.
+        if (route.registers.rows == 0) continue;
+        if (prec == kPacked && route.form != ops::FftForm::kPair) continue;
+        samples.push_back({{"n", n}, {"prec", prec}, {"inverse", inverse}});
+      }
+    }
+  }
+  samples.push_back({{"n", 1024}, {"core", 2}});
+  samples.push_back({{"n", 512}, {"flip", 1}});
+  samples.push_back({{"n", 1024}, {"prec", codegen::kHalf}, {"half_exchange", 1}});
+  return samples;
 }
 
 // What users transform, up to what one row of float fits, and what reaches every radix and load
@@ -105,6 +159,19 @@ const std::vector<Family>& families() {
         {"radix25", 0, 0, 1, "1 allows radix 25"}},
        make_fft,
        fft_samples()},
+      {"fft_register",
+       "complex transform of rows in registers",
+       {{"n", 512, 1, 1 << 16, "size"},
+        {"prec", codegen::kFloat, codegen::kHalf, kPacked,
+         "0 half storage, 1 float, 2 double, 3 packed rows of halves"},
+        {"inverse", 0, 0, 1, "1 for the inverse"},
+        {"ept", 0, 0, 32, "elements to a thread; 0 chooses by n"},
+        {"rows", 0, 0, kLargestBlock, "rows to a block; 0 chooses by n"},
+        {"core", 0, 0, 2, "2 asks for this kernel where another one is the default"},
+        {"flip", 0, 0, 1, "1 takes the other exchange layout"},
+        {"half_exchange", 0, 0, 1, "1 exchanges halves under half storage"}},
+       make_fft_register,
+       fft_register_samples()},
   };
   return all;
 }

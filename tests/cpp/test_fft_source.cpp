@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "codegen/kernels/fft.h"
+#include "codegen/kernels/fft_register.h"
 #include "codegen/sizes.h"
 #include "kernel_run.h"
 
@@ -55,6 +56,20 @@ TEST(ComplexFftKernel, WholeTextsMatchTheGoldenFiles) {
   for (const Golden& golden : goldens) {
     expect_golden(complex_fft_source(golden.kernel, hip), golden.file);
   }
+}
+
+TEST(RegisterFftKernel, WholeTextsMatchTheGoldenFiles) {
+  const RegisterFftKernel uniform{.form = RegisterFftKernel::kMixed,
+                                  .data = {96, kFloat, kFloat, true},
+                                  .radices = {12, 4, 2},
+                                  .rows = 8,
+                                  .windows = true};
+  expect_golden(register_fft_source(uniform, hip), "fft_register_float_96_inverse.hip");
+  const RegisterFftKernel square{.form = RegisterFftKernel::kTwoPass,
+                                 .data = {64, kDouble, kDouble, false},
+                                 .radices = {8, 8},
+                                 .rows = 4};
+  expect_golden(register_fft_source(square, hip), "fft_register_double_64.hip");
 }
 
 TEST(ComplexFftKernel, TheDocumentationQuotesItsTextInOrder) {
