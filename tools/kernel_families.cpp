@@ -116,13 +116,15 @@ std::vector<Values> fft_register_samples() {
 }
 
 // What users transform, up to what one row of float fits, and what reaches every radix and load
-// form. Sizes with a register route of their own are here too: a hint sends them to this kernel.
+// form; at the end sizes with a prime stage. Sizes with a register route of their own are here too:
+// a hint sends them to this kernel.
 constexpr int kFftSizes[] = {
-    2,    4,    7,    8,    12,   16,   24,   32,   36,   48,   60,   64,   72,   96,   100,  120,
-    121,  128,  143,  144,  180,  192,  240,  250,  256,  300,  320,  336,  343,  360,  384,  400,
-    441,  480,  500,  512,  600,  625,  640,  720,  729,  768,  800,  882,  900,  960,  1000, 1024,
-    1050, 1200, 1280, 1331, 1440, 1536, 1600, 1920, 2000, 2048, 2187, 2205, 2400, 2560, 3000, 3072,
-    3125, 3600, 3840, 4000, 4096, 4410, 4800, 5000, 5120, 6000, 6144, 6561, 7200, 7680, 8000, 8192};
+    2,    4,    7,    8,    12,   16,   24,   32,   36,   48,   60,   64,   72,   96,
+    100,  120,  121,  128,  143,  144,  180,  192,  240,  250,  256,  300,  320,  336,
+    343,  360,  384,  400,  441,  480,  500,  512,  600,  625,  640,  720,  729,  768,
+    800,  882,  900,  960,  1000, 1024, 1050, 1200, 1280, 1331, 1440, 1536, 1600, 1920,
+    2000, 2048, 2187, 2205, 2400, 2560, 3000, 3072, 3125, 3600, 3840, 4000, 4096, 4410,
+    4800, 5000, 5120, 6000, 6144, 6561, 7200, 7680, 8000, 8192, 17,   34,   272,  1128};
 
 std::vector<Values> fft_samples() {
   std::vector<Values> samples;

@@ -99,7 +99,7 @@ TEST(FftStages, APrimeRadixIsAConvolution) {
     // length divides n, and the first table that serves it holds no filter; 47: its cyclic length
     // has a prime radix of its own.
     for (const auto& [n, tpf] : std::vector<std::pair<int, int>>{
-             {17, 1}, {34, 16}, {57, 2}, {272, 34}, {272, 5}, {1081, 135}, {1311, 64}}) {
+             {17, 1}, {34, 16}, {57, 2}, {272, 34}, {272, 5}, {1128, 141}, {1140, 64}}) {
       expect_stages({.n = n, .tpf = tpf, .prec = prec});
     }
   }
