@@ -4,6 +4,7 @@
 #include <atomic>
 #include <vector>
 
+#include "host_fft/aligned_vector.h"
 #include "host_fft/dispatch.h"
 #include "host_fft/host_plan.h"
 #include "host_fft/parallel_for.h"
@@ -22,7 +23,7 @@ std::atomic<bool> streaming{false};
 // The thread's own scratch, at least `count` values. It grows and never shrinks.
 template <class T>
 T* scratch(size_t count) {
-  thread_local std::vector<T> values;
+  thread_local AlignedVector<T> values;
   if (values.size() < count) values.resize(count);
   return values.data();
 }

@@ -85,6 +85,7 @@ class PlanBuilder {
       if (before > 1) add_twiddles(radix, before);
       before *= radix;
     }
+    plan_.packed_twiddles.push_back(0);
   }
   HostFftPlan<T> take() { return std::move(plan_); }
 
@@ -121,7 +122,7 @@ class PlanBuilder {
 };
 
 template <class T>
-void split_doubled(const std::vector<T>& values, std::vector<T>& re, std::vector<T>& im) {
+void split_doubled(const AlignedVector<T>& values, AlignedVector<T>& re, AlignedVector<T>& im) {
   re.resize(values.size());
   im.resize(values.size());
   for (size_t k = 0; k < values.size(); k += 2) {
@@ -137,7 +138,7 @@ BluesteinHostPlan<T> build_bluestein(int n, int direction) {
   plan.m = codegen::bluestein_m(n);
   const int64_t m = plan.m;
   plan.chirp.resize(2 * static_cast<size_t>(n));
-  std::vector<T> mirrored(2 * m), buffers(4 * m);
+  AlignedVector<T> mirrored(2 * m), buffers(4 * m);
   const double step = sign_of(direction) * kPi / n;
   for (int64_t k = 0; k < n; ++k) {
     // Reduced before it meets the step, so that the angle stays below a turn and keeps its digits.

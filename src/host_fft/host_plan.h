@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "host_fft/aligned_vector.h"
 #include "host_fft/passes.h"
 
 namespace kevra::host_fft {
@@ -18,11 +19,13 @@ struct HostFftPlan {
   std::vector<int64_t> twiddle_offsets;  // of each pass, into `twiddles`
   // Of each later pass, for every j in [1, radix): all cosines, then all sines, each twice in a
   // row, so that a pass over interleaved values multiplies them as they lie.
-  std::vector<T> twiddles;
+  AlignedVector<T> twiddles;
   std::vector<int64_t> packed_offsets;
-  std::vector<T> packed_twiddles;  // (cos, sin) pairs, of later passes of radix 2 and 4
-  std::vector<T> root_re;          // of each pass, the roots of unity of its radix
-  std::vector<T> root_im;
+  // (cos, sin) pairs, of later passes of radix 2 and 4, and one value that is read but not used:
+  // a pass loads the sines as a vector that begins one value later.
+  AlignedVector<T> packed_twiddles;
+  AlignedVector<T> root_re;  // of each pass, the roots of unity of its radix
+  AlignedVector<T> root_im;
   std::vector<int64_t> root_offsets;
 
   PassTables<T> tables() const;
@@ -33,13 +36,13 @@ template <class T>
 struct BluesteinHostPlan {
   int n;
   int m;
-  std::vector<T> chirp;   // n complex
-  std::vector<T> filter;  // m complex, the spectrum of the conjugate chirp
+  AlignedVector<T> chirp;   // n complex
+  AlignedVector<T> filter;  // m complex, the spectrum of the conjugate chirp
   // Real (imaginary) parts, each twice in a row.
-  std::vector<T> chirp_re;
-  std::vector<T> chirp_im;
-  std::vector<T> filter_re;
-  std::vector<T> filter_im;
+  AlignedVector<T> chirp_re;
+  AlignedVector<T> chirp_im;
+  AlignedVector<T> filter_re;
+  AlignedVector<T> filter_im;
 };
 
 enum class HostRoute { kPlanned, kGroup, kChirp };

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#if defined(__FMA__)
+#if defined(__AVX__)
 #include <immintrin.h>
 #endif
 
@@ -149,18 +149,23 @@ KEVRA_INLINE Packed<T, W> multiplied(Packed<T, W> x, Packed<T, W> re, Packed<T, 
   return product_alternating(x, re, Packed<T, W>{swapped(x).v * im.v});
 }
 
-// x w, w a vector of complex numbers like x.
+// W values that stand two apart, each twice in a row. As a load it leaves the shuffle ports alone.
 template <class T, int W>
-KEVRA_INLINE Packed<T, W> multiplied(Packed<T, W> x, Packed<T, W> w) {
+KEVRA_INLINE Packed<T, W> load_doubled(const T* from) {
+#if defined(__AVX__)
+  if constexpr (W == 2) {
+    return {(Vector<T, 2 * W>)_mm256_movedup_pd(_mm256_loadu_pd(from))};
+  } else if constexpr (W == 4) {
+    return {(Vector<T, 2 * W>)_mm256_moveldup_ps(_mm256_loadu_ps(from))};
+  }
+#endif
+  const auto x = Packed<T, W>::load(from);
   if constexpr (W == 1) {
-    return multiplied(x, Packed<T, W>{shuffled<T, 0, 0>(w.v, w.v)},
-                      Packed<T, W>{shuffled<T, 1, 1>(w.v, w.v)});
+    return {shuffled<T, 0, 0>(x.v, x.v)};
   } else if constexpr (W == 2) {
-    return multiplied(x, Packed<T, W>{shuffled<T, 0, 0, 2, 2>(w.v, w.v)},
-                      Packed<T, W>{shuffled<T, 1, 1, 3, 3>(w.v, w.v)});
+    return {shuffled<T, 0, 0, 2, 2>(x.v, x.v)};
   } else {
-    return multiplied(x, Packed<T, W>{shuffled<T, 0, 0, 2, 2, 4, 4, 6, 6>(w.v, w.v)},
-                      Packed<T, W>{shuffled<T, 1, 1, 3, 3, 5, 5, 7, 7>(w.v, w.v)});
+    return {shuffled<T, 0, 0, 2, 2, 4, 4, 6, 6>(x.v, x.v)};
   }
 }
 

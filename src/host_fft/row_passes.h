@@ -88,7 +88,9 @@ struct PackedTwiddles {
 
   template <class C>
   KEVRA_INLINE C times(C x, int j, int64_t column) const {
-    return multiplied(x, C::load(table + 2 * ((j - 1) * before + column)));
+    constexpr int kColumns = C::kColumns;
+    const T* w = table + 2 * ((j - 1) * before + column);
+    return multiplied(x, load_doubled<T, kColumns>(w), load_doubled<T, kColumns>(w + 1));
   }
 };
 
