@@ -8,6 +8,7 @@
 #include "host_fft/dispatch.h"
 #include "host_fft/host_plan.h"
 #include "host_fft/parallel_for.h"
+#include "host_fft/plan_cache.h"
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -19,6 +20,11 @@ namespace {
 // Results of the group route that the caches cannot hold are written past them.
 constexpr int64_t kStreamingBytes = 24 << 20;
 std::atomic<bool> streaming{false};
+
+// Bytes between the two buffers of a row, over what they hold. Rows are often a multiple of a page,
+// and a load waits for a store that is a whole number of pages off: half a page and a line between
+// the buffers made lengths from 2048 up 10 to 25% faster.
+constexpr int kApart = 2048 + 64;
 
 // The thread's own scratch, at least `count` values. It grows and never shrinks.
 template <class T>
@@ -44,7 +50,8 @@ void planned_rows(const Rows<T>& rows) {
   const auto tables = host_plan<T>(rows.n, rows.inverse ? 1 : 0)->tables();
   const int64_t chunk = parallel_chunk(std::max(16384 / rows.n, 1), rows.rows);
   parallel_for(static_cast<int>((rows.rows + chunk - 1) / chunk), [&](int index) {
-    T* const buffers = scratch<T>(4 * n);
+    constexpr int kGap = kApart / sizeof(T);
+    T* const buffers = scratch<T>(4 * n + kGap);
     const int64_t last = std::min((index + 1) * chunk, rows.rows);
     for (int64_t row = index * chunk; row < last; ++row) {
       passes<T>().row_chain({.tables = tables,
@@ -54,7 +61,7 @@ void planned_rows(const Rows<T>& rows) {
                              .in = rows.in + row * 2 * n,
                              .out = rows.out + row * 2 * n,
                              .buffer0 = buffers,
-                             .buffer1 = buffers + 2 * n});
+                             .buffer1 = buffers + 2 * n + kGap});
     }
   });
 }
@@ -202,7 +209,7 @@ void group_rows(const Rows<T>& rows) {
 template <class T>
 void host_fft_rows(const T* in, T* out, int n, int64_t rows, bool inverse, T scale) {
   const Rows<T> all{in, out, n, rows, inverse, scale};
-  switch (host_route(n)) {
+  switch (*cached<HostRoute>(n, [n] { return host_route(n); })) {
     case HostRoute::kPlanned:
       return planned_rows(all);
     case HostRoute::kGroup:
