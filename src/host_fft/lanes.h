@@ -14,9 +14,15 @@
 
 namespace kevra::host_fft::KEVRA_ISA {
 
-// Columns that one step of a row pass covers: 32 bytes of interleaved complex values.
+#if defined(__AVX__)
+inline constexpr int kVectorBytes = 32;
+#else
+inline constexpr int kVectorBytes = 16;
+#endif
+
+// Columns that one step of a row pass covers: a vector of interleaved complex values.
 template <class T>
-inline constexpr int kWidth = 16 / sizeof(T);
+inline constexpr int kWidth = kVectorBytes / (2 * sizeof(T));
 
 template <class T, int Count>
 struct VectorOf {
@@ -153,7 +159,7 @@ KEVRA_INLINE Packed<T, W> multiplied(Packed<T, W> x, Packed<T, W> re, Packed<T, 
 template <class T, int W>
 KEVRA_INLINE Packed<T, W> load_doubled(const T* from) {
 #if defined(__AVX__)
-  if constexpr (W == 2) {
+  if constexpr (W == 2 && sizeof(T) == 8) {
     return {(Vector<T, 2 * W>)_mm256_movedup_pd(_mm256_loadu_pd(from))};
   } else if constexpr (W == 4) {
     return {(Vector<T, 2 * W>)_mm256_moveldup_ps(_mm256_loadu_ps(from))};
@@ -169,11 +175,12 @@ KEVRA_INLINE Packed<T, W> load_doubled(const T* from) {
   }
 }
 
-// Two (four) vectors of complex doubles (floats), with rows and columns exchanged, each row stored
-// `stride` elements behind the one before.
-KEVRA_INLINE void store_tile(const Packed<double, 2>* x, double* to, int stride) {
-  shuffled_store<double, 0, 1, 4, 5>(x[0].v, x[1].v, to);
-  shuffled_store<double, 2, 3, 6, 7>(x[0].v, x[1].v, to + stride);
+// W vectors with rows and columns exchanged, each row stored `stride` elements behind the one
+// before.
+template <class T>
+KEVRA_INLINE void store_tile(const Packed<T, 2>* x, T* to, int stride) {
+  shuffled_store<T, 0, 1, 4, 5>(x[0].v, x[1].v, to);
+  shuffled_store<T, 2, 3, 6, 7>(x[0].v, x[1].v, to + stride);
 }
 KEVRA_INLINE void store_tile(const Packed<float, 4>* x, float* to, int stride) {
   const auto low01 = shuffled<float, 0, 1, 8, 9, 4, 5, 12, 13>(x[0].v, x[1].v);

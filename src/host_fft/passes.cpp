@@ -139,7 +139,7 @@ void run_row_chain(const RowChain<T>& chain) {
 template <class T>
 struct Split {
   using Real = T;
-  static constexpr int kVector = 32 / sizeof(T);
+  static constexpr int kVector = kVectorBytes / sizeof(T);
   Vector<T, kVector> re, im;
 
   friend KEVRA_INLINE Split operator+(Split a, Split b) { return {a.re + b.re, a.im + b.im}; }
