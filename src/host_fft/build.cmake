@@ -11,6 +11,10 @@ function(kevra_host_fft_passes isa)
   target_compile_definitions(kevra_host_fft_${isa} PRIVATE KEVRA_ISA=${isa})
   # Products and sums may fuse. No vector crosses a call, so how one would be passed is no matter.
   target_compile_options(kevra_host_fft_${isa} PRIVATE ${ARGN} -ffp-contract=fast -Wno-psabi)
+  if(KEVRA_SANITIZE)
+    # The unrolled passes take the compiler many minutes with every access checked.
+    target_compile_options(kevra_host_fft_${isa} PRIVATE -fno-sanitize=all)
+  endif()
   target_sources(kevra_host_fft PRIVATE $<TARGET_OBJECTS:kevra_host_fft_${isa}>)
 endfunction()
 
