@@ -11,7 +11,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "rocm/environment.h"
+#include "environment.h"
 
 namespace fs = std::filesystem;
 

@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "cuda_like/hash.h"
+#include "environment.h"
 #include "rocm/code_cache.h"
 #include "rocm/context.h"
 #include "rocm/debug.h"
-#include "rocm/environment.h"
 #include "rocm/hip_dl.h"
 
 namespace kevra {

@@ -5,7 +5,7 @@
 #include <sstream>
 #include <unordered_map>
 
-#include "rocm/environment.h"
+#include "environment.h"
 
 namespace kevra::debug {
 namespace {

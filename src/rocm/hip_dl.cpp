@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "rocm/environment.h"
+#include "environment.h"
 
 namespace kevra::hip_dl {
 namespace {
