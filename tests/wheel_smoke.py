@@ -11,6 +11,7 @@ installed = Path(kevra.__file__)
 assert installed.is_relative_to(sys.prefix), f"kevra comes from {installed}, not from the environment {sys.prefix}"
 assert not kevra.__file__.startswith(str(Path(__file__).parents[1])), "kevra comes from the source tree"
 
+assert Path(kevra.cuda_device_path()).is_file() and Path(kevra.cuda_device_path()).with_name("libhiprtc.so").is_file()
 kevra.use_cpu_device()
 signal = np.random.default_rng(1).standard_normal((2, 5000))
 frames = np.lib.stride_tricks.sliding_window_view(signal, 512, axis=1)[:, ::128]

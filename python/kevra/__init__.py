@@ -4,14 +4,15 @@ Functions ending in ``_staged`` take and return numpy arrays; those ending in ``
 addresses and a stream, queue their work and return. Kernels are compiled on first use and kept on disk.
 
 Without an AMD GPU, call ``use_cpu_device()`` before anything else: a stand-in for the HIP runtime then runs the
-same kernels on the processor.
+same kernels on the processor. ``use_cuda_device()`` runs them on an NVIDIA GPU.
 """
 
 from . import _rocm
-from ._cpu_device import cpu_device_path, use_cpu_device
+from ._device_choice import cpu_device_path, cuda_device_path, use_cpu_device, use_cuda_device
 from ._rocm import *  # noqa: F403
 
 __version__ = "0.1.0"
 __all__ = sorted(
-    [name for name in dir(_rocm) if not name.startswith("_")] + ["cpu_device_path", "use_cpu_device"]
+    [name for name in dir(_rocm) if not name.startswith("_")]
+    + ["cpu_device_path", "cuda_device_path", "use_cpu_device", "use_cuda_device"]
 )
