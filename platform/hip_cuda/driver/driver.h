@@ -12,7 +12,7 @@ namespace kevra_cuda {
 
 using Address = uintptr_t;  // of device memory
 
-// Numbers of the driver's queries; those of a 2-D copy's memory types differ from HIP's in one.
+// Numbers of the driver's queries.
 enum DeviceQuery : int {
   query_warp_size = 10,
   query_multiprocessors = 16,
@@ -22,7 +22,7 @@ enum DeviceQuery : int {
   query_shared_bytes_opt_in = 97,
 };
 enum FunctionQuery : int { query_static_shared_bytes = 1, query_largest_dynamic_shared = 8 };
-constexpr uint32_t memory_unified = 4;
+constexpr uint32_t memory_unified = 4;  // of a 2-D copy, where HIP has 3 for managed memory
 constexpr unsigned pinned_portable_mapped = 3;
 
 // name, parameters. Every function returns a code; 0 is success.
