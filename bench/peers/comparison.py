@@ -15,7 +15,7 @@ from pathlib import Path
 import harness
 import kevra
 from peers import cases, output, timing
-from peers.contenders import Resident, hinted
+from peers.contenders import Resident
 
 PACKAGES = ["numpy", "scipy", "librosa", "torch", "cupy"]
 
@@ -48,18 +48,16 @@ def compare(chosen: Namespace, target: str, contenders_of, libraries: dict, abse
     """contenders_of(case, x, resident, libraries) gives who is timed; `scripts` are other benchmarks with their
     options, run at the end."""
     record = head(target, absent, chosen)
-    hip, sizes = harness.Hip(), {}
-    results = []
+    hip, results = harness.Hip(), []
     with harness.cache_folder():
         record["copy_bytes_per_second"] = timing.copy_rate(hip, chosen.copy)
         grid = cases.grid(chosen.sizes, chosen.batches, chosen.signals, chosen.operations)
         for case in harness.progress(grid, "cases"):
             x = cases.make_input(case)
             with Resident(hip, case, x) as resident:
-                by_hint = hinted(case, resident, sizes)
                 contenders = contenders_of(case, x, resident, libraries)
                 result = measure(case, x, contenders, chosen.rounds, record["copy_bytes_per_second"])
-            results.append({**case.record(), "by_hint": by_hint, "load": os.getloadavg()[0], **result})
+            results.append({**case.record(), "load": os.getloadavg()[0], **result})
     if chosen.only_peers:
         scripts = {}
     record["other_figures"] = {script: figures_of(script, arguments) for script, arguments in scripts.items()}

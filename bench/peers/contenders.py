@@ -11,7 +11,6 @@ import scipy.fft
 from peers import timing
 from peers.cases import Case, framed_rms
 
-BITS = {"float": 32, "double": 64}
 PREC = {"float": 1, "double": 2}
 
 
@@ -75,14 +74,6 @@ class Resident:
         self.hip.synchronize()
         self.hip.download(self.answer, self.out)
         return self.answer
-
-
-def hinted(case: Case, resident: Resident, known: dict) -> bool:
-    """Whether the size had to be hinted onto the shared-memory kernel; a hint holds for every batch after it."""
-    size = (case.n, case.precision)
-    if case.operation == "fft" and size not in known:
-        _, known[size] = harness.on_a_built_route(case.n, False, BITS[case.precision], resident.run)
-    return known.get(size, False)
 
 
 def on_the_cpu(case: Case, x: np.ndarray, resident: Resident, libraries: dict, threads: int) -> list[Contender]:

@@ -62,8 +62,6 @@ def show(record: dict, written: list[Path]) -> None:
         if rows:
             print(f"\n{operation}: us a call; kevra's speed is against the fastest peer, above 1 kevra is faster")
             print_aligned(table(rows))
-    if any(result["by_hint"] for result in record["cases"]):
-        print("* shared-memory kernel by hint: the size's own is not built yet")
     for result in record["cases"]:
         if "refused" in result:
             print(f"DISAGREES  {result['refused']}")
@@ -85,7 +83,7 @@ def table(results: list[dict]) -> list[list[str]]:
 
 def label(result: dict) -> str:
     frame = f" frame {result['frame_length']} hop {result['hop']}" if "hop" in result else ""
-    return f"{result['batch']} x {result['n']} {result['precision']}{frame}{' *' if result['by_hint'] else ''}"
+    return f"{result['batch']} x {result['n']} {result['precision']}{frame}"
 
 
 def print_aligned(lines: list[list[str]]) -> None:
@@ -104,9 +102,8 @@ def markdown(results: list[dict]) -> str:
         lines += ["", f"| {precision}, n | " + " | ".join(f"batch {batch}" for batch in batches) + " |"]
         lines.append("|---:|" + "---:|" * len(batches))
         for n in dict.fromkeys(n for n, _ in own):
-            star = " *" if any(r["by_hint"] for (size, _), r in own.items() if size == n) else ""
             cells = [speeds(own[n, batch]) if (n, batch) in own else "" for batch in batches]
-            lines.append(f"| {n}{star} | " + " | ".join(cells) + " |")
+            lines.append(f"| {n} | " + " | ".join(cells) + " |")
     energy = table([r for r in timed if r["operation"] == "rms"])
     if len(energy) > 1:
         lines += ["", "| " + " | ".join(energy[0]) + " |", "|---|" + "---:|" * (len(energy[0]) - 1)]
@@ -146,9 +143,11 @@ def draw(file: Path, results: list[dict], title: str) -> None:
             axes.yaxis.set_major_formatter("{x:g}")
             axes.grid(color="#e4e4e4", linewidth=0.6)
             axes.spines[["top", "right"]].set_visible(False)
-    grid[0, 0].legend(frameon=False, fontsize=8)
+            axes.xaxis.set_major_formatter("{x:g}")
+    figure.legend(*grid[0, 0].get_legend_handles_labels(), loc="outside lower right", ncols=4, frameon=False, fontsize=9)
     figure.suptitle(f"Complex FFT on {title}: dots powers of two, rings other sizes", fontsize=10)
-    figure.supxlabel("transform length n", fontsize=10)
+    for axes in grid[-1]:
+        axes.set_xlabel("transform length n")
     figure.supylabel("speed against the fastest peer (dashed: as fast)", fontsize=10)
     figure.savefig(file, facecolor="white", metadata={"Date": None})
     plt.close(figure)

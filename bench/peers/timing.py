@@ -14,6 +14,10 @@ Clock = Callable[[Callable[[], object], int], tuple[float, float]]
 LEAST = 1e-3  # seconds a timing lasts at least, so that reading the clock and the first call's cold caches fade
 MOST_CALLS = 1000
 
+# Seconds before each timing. Thread pools look out for more work for a while after a call, some for milliseconds:
+# without the pause the CPU device's 256 float rows of 512 took three times as long behind PyTorch as they do alone.
+REST = 10e-3
+
 
 def wall_clock(call, times: int) -> tuple[float, float]:
     started = time.perf_counter()
@@ -70,6 +74,8 @@ def alternate(contenders, rounds: int) -> dict[str, list[tuple[float, float]]]:
     taken = {contender.name: [] for contender in contenders}
     for _ in range(rounds):
         for contender in contenders:
+            time.sleep(REST)
+            contender.call()  # wakes threads, fetches what the others' data displaced
             taken[contender.name].append(contender.clock(contender.call, calls[contender.name]))
     return taken
 
