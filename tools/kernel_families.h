@@ -1,4 +1,4 @@
-// The kernel families that the viewer knows. A new family adds one entry to families().
+// The kernel families that the viewer knows. A family lives in families/ and has one entry in families().
 #pragma once
 
 #include <cstddef>

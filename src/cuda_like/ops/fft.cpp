@@ -3,13 +3,14 @@
 #include <limits>
 #include <stdexcept>
 #include <string>
-#include <unordered_map>
 
 #include "codegen/kernels/fft.h"
 #include "codegen/sizes.h"
-#include "cuda_like/hash.h"
+#include "cuda_like/ops/bluestein.h"
 #include "cuda_like/ops/fft_route.h"
+#include "cuda_like/ops/four_step.h"
 #include "cuda_like/ops/guards.h"
+#include "cuda_like/ops/plan_map.h"
 #include "cuda_like/twiddles.h"
 
 namespace kevra::ops {
@@ -17,29 +18,14 @@ namespace {
 
 using codegen::ComplexFftKernel;
 
-// What a repeated call needs: the launch without the way to it.
-struct FftPlan {
-  kernel_t fn;
-  unsigned block;
-  size_t shared;
-  int group;  // rows per block
-  devptr_t twiddles;
+// Forms of several launches keep their own plans; this one tells the way to them.
+struct FftPlan : LaunchPlan {
+  FftForm form = FftForm::kShared;
 };
 
-struct PlanKey {
-  uint64_t shape;
-  uint64_t epoch;
-
-  bool operator==(const PlanKey&) const = default;
-};
-struct PlanKeyHash {
-  size_t operator()(const PlanKey& key) const { return combine(key.shape, key.epoch); }
-};
-
-// A map a thread and twin, so that a hit takes no lock.
 template <class T>
-std::unordered_map<PlanKey, FftPlan, PlanKeyHash>& plans() {
-  static thread_local std::unordered_map<PlanKey, FftPlan, PlanKeyHash> map;
+PlanMap<FftPlan>& plans() {
+  static thread_local PlanMap<FftPlan> map;
   return map;
 }
 
@@ -72,44 +58,45 @@ ShapeHint hint_for(const FftCall& call, const FftShape& shape) {
   return hint;
 }
 
-FftPlan build_register_plan(const FftCall& call, const FftShape& shape, const FftRoute& route) {
-  const codegen::RegisterFftKernel kernel = register_kernel(shape, route);
-  check_shared(route.registers.shared_bytes, call.device, "fft: n");
-  return {.fn = kernel_function(
-              kernel.key(), call.device, [&] { return register_fft_source(kernel, backend()); },
-              codegen::kFftKernelName),
-          .block = static_cast<unsigned>(kernel.block()),
-          .shared = route.registers.shared_bytes,
-          .group = kernel.rows,
-          .twiddles = fft_twiddles(call.n, 0, shape.wide)};
-}
-
 FftPlan build_plan(const FftCall& call, const FftShape& shape, const FftRoute& route) {
-  if (route.registers.rows != 0) return build_register_plan(call, shape, route);
-  if (route.form != FftForm::kShared) {
-    throw std::runtime_error("fft: n = " + std::to_string(call.n) + " takes the " +
-                             fft_form_name(route.form) + " route, which is not built yet");
+  FftPlan plan;
+  plan.form = route.form;
+  if (route.registers.rows != 0) {
+    const codegen::RegisterFftKernel kernel = register_kernel(shape, route);
+    check_shared(route.registers.shared_bytes, call.device, "fft: n");
+    plan.fn = kernel_function(
+        kernel.key(), call.device, [&] { return register_fft_source(kernel, backend()); },
+        codegen::kFftKernelName);
+    plan.block = static_cast<unsigned>(kernel.block());
+    plan.shared = route.registers.shared_bytes;
+    plan.group = kernel.rows;
+    plan.twiddles = fft_twiddles(call.n, 0, shape.wide);
+  } else if (route.form == FftForm::kShared) {
+    const ComplexFftKernel& kernel = route.shared;
+    check_shared(kernel.shared_bytes(), call.device, "fft: n");
+    plan.fn = kernel_function(
+        kernel.key(), call.device, [&] { return complex_fft_source(kernel, backend()); },
+        kernel.kName);
+    plan.block = static_cast<unsigned>(kernel.block());
+    plan.shared = kernel.shared_bytes();
+    plan.group = kernel.rows_per_block;
+    plan.twiddles = fft_twiddles(call.n, codegen::rader_prime(call.n), shape.wide);
   }
-  const ComplexFftKernel& kernel = route.shared;
-  check_shared(kernel.shared_bytes(), call.device, "fft: n");
-  return {.fn = kernel_function(
-              kernel.key(), call.device, [&] { return complex_fft_source(kernel, backend()); },
-              kernel.kName),
-          .block = static_cast<unsigned>(kernel.block()),
-          .shared = kernel.shared_bytes(),
-          .group = kernel.rows_per_block,
-          .twiddles = fft_twiddles(call.n, codegen::rader_prime(call.n), shape.wide)};
+  return plan;
 }
 
-void launch(const FftPlan& plan, const FftCall& call) {
+template <class T>
+void run(const FftPlan& plan, const FftCall& call) {
+  if (plan.form == FftForm::kBluestein) return bluestein_complex<T>(call);
+  if (plan.form == FftForm::kFourStep) return four_step_complex<T>(call, !call.half, !call.half);
+
   devptr_t x = call.x;
   devptr_t out = call.out;
   devptr_t twiddles = plan.twiddles;
   int rows = static_cast<int>(call.rows);
   void* args[] = {&x, &out, &twiddles, &rows};
-  const auto blocks = static_cast<unsigned>((call.rows + plan.group - 1) / plan.group);
-  launch_kernel(plan.fn, blocks, 1, plan.block, plan.shared, args, ComplexFftKernel::kName,
-                call.stream);
+  launch_kernel(plan.fn, plan.blocks(call.rows), 1, plan.block, plan.shared, args,
+                codegen::kFftKernelName, call.stream);
 }
 
 void check_fft(int64_t rows, int64_t n) {
@@ -126,13 +113,13 @@ void fft_dispatch(const FftCall& call) {
   const PlanKey key = plan_key(call, shape);
   if (call.override == nullptr) {
     if (const auto it = plans<T>().find(key); it != plans<T>().end()) {
-      return launch(it->second, call);
+      return run<T>(it->second, call);
     }
   }
   const FftRoute route = route_fft(shape, hint_for(call, shape), device_shared_limit(call.device));
   const FftPlan plan = build_plan(call, shape, route);
   if (call.override == nullptr) plans<T>().emplace(key, plan);
-  launch(plan, call);
+  run<T>(plan, call);
 }
 
 template void fft_dispatch<float>(const FftCall&);

@@ -1,0 +1,24 @@
+// What the kernel families share: the limits of the hardware, and parameters by one name.
+#pragma once
+
+#include <cstdint>
+
+#include "codegen/backend.h"
+#include "codegen/precision.h"
+#include "kernel_families.h"
+
+namespace kevra_tools {
+
+inline constexpr int kLargestBlock = 1024;         // threads
+inline constexpr int64_t kSharedLimit = 64 << 10;  // bytes a block may have on every AMD GPU so far
+
+inline const kevra::codegen::HipBackend hip;
+
+inline const Parameter precision{"prec", kevra::codegen::kFloat, kevra::codegen::kHalf,
+                                 kevra::codegen::kDouble, "0 half storage, 1 float, 2 double"};
+
+Family rms_family();
+Family fft_family();
+Family fft_register_family();
+
+}  // namespace kevra_tools
