@@ -125,18 +125,6 @@ void emit_batched_scatter(KernelWriter& w, const BatchedStage& s, const BatchedB
   w.stmt("}");
 }
 
-// A product of primes above 13 is taken apart: as one butterfly its text would take minutes to
-// compile.
-std::vector<int> batched_radices(int length) {
-  int rest = 1;
-  std::vector<int> radices = factorize(length, &rest);
-  if (rest == 1) return radices;
-  radices.pop_back();
-  const std::vector<int> primes = prime_factors(rest);
-  radices.insert(radices.end(), primes.begin(), primes.end());
-  return radices;
-}
-
 // b times the root of half at (pos + offset) << shift.
 std::string ct_twiddled(KernelWriter& w, const StftConfig& config, const std::string& b,
                         int first_stage, int offset, int shift) {
@@ -242,7 +230,7 @@ void emit_ct_passes(KernelWriter& w, const StftConfig& config) {
 void emit_batched_fft(KernelWriter& w, const std::string& buffer, int count, int length,
                       int threads) {
   std::vector<int> passes;
-  for (int r : batched_radices(length)) {
+  for (int r : factorize(length)) {
     for (int p : passes_of(r)) passes.push_back(p);
   }
   int done = 1;
