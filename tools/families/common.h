@@ -23,5 +23,6 @@ Family fft_register_family();
 Family db_family();
 Family db_inverse_family();
 Family bluestein_family();
+Family four_step_family();
 
 }  // namespace kevra_tools
