@@ -20,5 +20,7 @@ inline const Parameter precision{"prec", kevra::codegen::kFloat, kevra::codegen:
 Family rms_family();
 Family fft_family();
 Family fft_register_family();
+Family db_family();
+Family db_inverse_family();
 
 }  // namespace kevra_tools

@@ -25,31 +25,6 @@ bool moves_quads(const ComplexFftKernel& k) {
   return k.storage == kHalf && k.n % 4 == 0;
 }
 
-// A loop of the row's threads over `count` accesses.
-template <class Body>
-void each_access(KernelWriter& w, int count, Body body) {
-  w.for_loop("i", "tid", std::to_string(count), "TPF", body);
-}
-
-// Copies 16 bytes an access past the registers where the target can, else as `plain` writes it.
-template <class Plain>
-void load_async(KernelWriter& w, int count, const char* destination, const char* source,
-                Plain plain) {
-  w.line("#if __CUDA_ARCH__ >= 800");
-  each_access(w, count, [&](const std::string& i) {
-    w.stmt("{ unsigned sa = (unsigned)__cvta_generic_to_shared(&bufA[SHP($)]);",
-           format(destination, {i}));
-    w.stmt(
-        "  asm volatile(\"cp.async.cg.shared.global [%0], [%1], 16;\" :: \"r\"(sa), \"l\"($)); }",
-        format(source, {i}));
-  });
-  w.stmt("asm volatile(\"cp.async.commit_group;\");");
-  w.stmt("asm volatile(\"cp.async.wait_group 0;\");");
-  w.line("#else");
-  plain();
-  w.line("#endif");
-}
-
 void load_pairs(KernelWriter& w, const ComplexFftKernel& k) {
   const char* sign = k.inverse ? "-" : "";
   const auto plain = [&] {

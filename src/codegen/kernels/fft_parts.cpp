@@ -48,4 +48,25 @@ std::string stored_value(const FftRows& rows, const std::string& value, const Ba
                               stored_imaginary(rows, value));
 }
 
+void each_access(KernelWriter& w, int count, const AccessBody& body) {
+  w.for_loop("i", "tid", std::to_string(count), "TPF", body);
+}
+
+void load_async(KernelWriter& w, int count, const char* destination, const char* source,
+                const std::function<void()>& plain) {
+  w.line("#if __CUDA_ARCH__ >= 800");
+  each_access(w, count, [&](const std::string& i) {
+    w.stmt("{ unsigned sa = (unsigned)__cvta_generic_to_shared(&bufA[SHP($)]);",
+           format(destination, {i}));
+    w.stmt(
+        "  asm volatile(\"cp.async.cg.shared.global [%0], [%1], 16;\" :: \"r\"(sa), \"l\"($)); }",
+        format(source, {i}));
+  });
+  w.stmt("asm volatile(\"cp.async.commit_group;\");");
+  w.stmt("asm volatile(\"cp.async.wait_group 0;\");");
+  w.line("#else");
+  plain();
+  w.line("#endif");
+}
+
 }  // namespace kevra::codegen

@@ -1,9 +1,11 @@
 // What the kernels of the complex transform have in common: the head, and rows in device memory.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "codegen/backend.h"
+#include "codegen/kernel_writer.h"
 
 namespace kevra::codegen {
 
@@ -31,5 +33,15 @@ std::string loaded_value(const FftRows& rows, const std::string& value, const Ba
 std::string stored_real(const FftRows& rows, const std::string& value);
 std::string stored_imaginary(const FftRows& rows, const std::string& value);
 std::string stored_value(const FftRows& rows, const std::string& value, const Backend& backend);
+
+using AccessBody = std::function<void(const std::string& i)>;
+
+// A loop of the row's threads over `count` accesses; TPF of them work on a row.
+void each_access(KernelWriter& w, int count, const AccessBody& body);
+
+// Copies 16 bytes an access into bufA past the registers where the target can, else as `plain`
+// writes it. `destination` and `source` hold one `$` for the access's number.
+void load_async(KernelWriter& w, int count, const char* destination, const char* source,
+                const std::function<void()>& plain);
 
 }  // namespace kevra::codegen

@@ -9,6 +9,7 @@
 
 #include "codegen/backend.h"
 #include "codegen/kernels/fft_parts.h"
+#include "codegen/kernels/fft_register_stages.h"
 
 namespace kevra::codegen {
 
@@ -21,13 +22,12 @@ struct RegisterFftKernel {
   };
   Form form;
   FftRows data;
-  std::vector<int> radices;  // the first is the number of elements that a thread holds
-  int rows = 1;              // to a block; 2 of the pair form
-  // Each thread writes its values to a window of its own, one component at a time; else the whole
-  // row stands in the buffer in its order.
-  bool windows = false;
-  bool half_exchange = false;  // windows of halves under float arithmetic
+  std::vector<int> radices;
+  int rows = 1;          // to a block; 2 of the pair form
+  bool windows = false;  // as RegisterLayout has them
+  bool half_exchange = false;
 
+  RegisterLayout layout() const { return {data.n, radices, windows, half_exchange}; }
   int ept() const { return radices.front(); }
   int threads() const { return data.n / ept(); }  // to a row
   int block() const { return threads() * (form == kPair ? 1 : rows); }

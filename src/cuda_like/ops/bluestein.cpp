@@ -1,17 +1,240 @@
 #include "cuda_like/ops/bluestein.h"
 
-#include <stdexcept>
-#include <string>
+#include <algorithm>
+#include <complex>
+
+#include "cuda_like/ops/bluestein_route.h"
+#include "cuda_like/ops/bluestein_tables.h"
+#include "cuda_like/ops/guards.h"
+#include "cuda_like/ops/plan_map.h"
+#include "cuda_like/twiddles.h"
 
 namespace kevra::ops {
+namespace {
+
+using codegen::BluesteinKernel;
+using codegen::BluesteinMode;
+using codegen::BluesteinSteps;
+
+// Of the form through device memory `fn` is the first of three kernels.
+struct BluesteinPlan : LaunchPlan {
+  int m = 0;
+  BluesteinTables tables;
+  double scale = 1;
+  const char* name = nullptr;
+  kernel_t multiply = nullptr;
+  kernel_t post = nullptr;
+
+  bool in_shared() const { return multiply == nullptr; }
+};
+
+enum class Form { kByFit, kGlobal };
+
+template <class T>
+BluesteinShape shape_of(const BluesteinCall& call) {
+  return {.mode = call.mode,
+          .n = call.n,
+          .wide = sizeof(T) == 8,
+          .inverse = call.inverse,
+          .half = call.half};
+}
+
+PlanKey plan_key(const BluesteinCall& call, Form form) {
+  uint64_t shape = static_cast<uint64_t>(call.n) << 20 | static_cast<unsigned>(call.device) << 5;
+  shape |= static_cast<unsigned>(call.mode) << 3 | (call.inverse ? 4u : 0u) |
+           (call.half ? 2u : 0u) | (form == Form::kGlobal ? 1u : 0u);
+  return {shape, shape_epoch()};
+}
+
+template <class T>
+BluesteinPlan build_shared(const BluesteinCall& call, const BluesteinKernel& kernel) {
+  check_shared(kernel.shared_bytes(), call.device, "bluestein: M");
+  BluesteinPlan plan;
+  plan.fn = kernel_function(
+      kernel.key(), call.device, [&] { return bluestein_source(kernel, backend()); },
+      kernel.name());
+  plan.block = static_cast<unsigned>(kernel.block());
+  plan.shared = kernel.shared_bytes();
+  plan.group = kernel.rows_per_block();
+  plan.twiddles = fft_twiddles(kernel.m, 0, sizeof(T) == 8);  // no prime of m needs a stage
+  plan.m = kernel.m;
+  plan.scale = kernel.scale();
+  plan.name = kernel.name();
+  return plan;
+}
+
+BluesteinPlan build_global(const BluesteinCall& call, const BluesteinSteps& steps) {
+  BluesteinPlan plan;
+  plan.fn = kernel_function(
+      steps.pre_key(), call.device, [&] { return bluestein_pre_source(steps, backend()); },
+      steps.kPreName);
+  plan.multiply = kernel_function(
+      steps.multiply_key(), call.device,
+      [&] { return bluestein_multiply_source(steps, backend()); }, steps.kMultiplyName);
+  plan.post = kernel_function(
+      steps.post_key(), call.device, [&] { return bluestein_post_source(steps, backend()); },
+      steps.kPostName);
+  plan.block = steps.kBlock;
+  plan.m = steps.m;
+  plan.scale = call.inverse ? 1.0 / call.n : 1.0;
+  return plan;
+}
+
+template <class T>
+BluesteinPlan build_plan(const BluesteinCall& call, Form form) {
+  // The padded length and what is computed from it have to stay 32-bit numbers.
+  require_at_most("bluestein", "n", call.n, 1 << 29);
+  const BluesteinShape shape = shape_of<T>(call);
+  std::optional<BluesteinKernel> kernel;
+  if (form == Form::kByFit) kernel = bluestein_in_shared(shape, device_shared_limit(call.device));
+  BluesteinPlan plan =
+      kernel ? build_shared<T>(call, *kernel) : build_global(call, bluestein_steps(shape));
+  plan.tables = bluestein_tables<T>(call.n, plan.m, call.inverse);
+  return plan;
+}
+
+template <class T>
+void run_shared(const BluesteinPlan& plan, const BluesteinCall& call) {
+  devptr_t x = call.x;
+  devptr_t out = call.out;
+  devptr_t twiddles = plan.twiddles;
+  BluesteinTables tables = plan.tables;
+  T scale = static_cast<T>(plan.scale);
+  int rows = static_cast<int>(call.rows);
+  void* args[] = {&x, &out, &twiddles, &tables.chirp, &tables.filter, &scale, &rows};
+  launch_kernel(plan.fn, plan.blocks(call.rows), 1, plan.block, plan.shared, args, plan.name,
+                call.stream);
+}
+
+devptr_t at_byte(devptr_t p, size_t offset) {
+  return static_cast<char*>(p) + offset;
+}
+
+// Rows stand in the grid's y extent, which ends at 65535: more rows take several launches.
+template <class Launch>
+void each_chunk(int64_t rows, Launch launch) {
+  constexpr int64_t kMostRows = 65535;
+  for (int64_t first = 0; first < rows; first += kMostRows) {
+    launch(static_cast<size_t>(first), static_cast<unsigned>(std::min(kMostRows, rows - first)));
+  }
+}
+
+// Bytes of one row of the transform's input and output.
+struct RowBytes {
+  size_t in;
+  size_t out;
+};
+
+template <class T>
+RowBytes row_bytes(const BluesteinCall& call) {
+  const size_t scalar = call.half ? 2 : sizeof(T);
+  const size_t n = static_cast<size_t>(call.n);
+  const size_t real = n * scalar;
+  const size_t half_spectrum = (n / 2 + 1) * 2 * scalar;
+  switch (call.mode) {
+    case BluesteinMode::kRealForward:
+      return {real, half_spectrum};
+    case BluesteinMode::kRealInverse:
+      return {half_spectrum, real};
+    default:
+      return {2 * real, 2 * real};
+  }
+}
+
+template <class T>
+void run_global(const BluesteinPlan& plan, const BluesteinCall& call) {
+  const size_t z_row = sizeof(std::complex<T>) * plan.m;
+  const RowBytes bytes = row_bytes<T>(call);
+  DeviceBuffer z(z_row * call.rows, call.stream);
+  BluesteinTables tables = plan.tables;
+  const unsigned block = plan.block;
+  const auto blocks = [block](int count) { return (static_cast<unsigned>(count) - 1) / block + 1; };
+  const auto transform = [&](bool inverse) {
+    fft_dispatch<T>({.x = z.p,
+                     .out = z.p,
+                     .rows = call.rows,
+                     .n = plan.m,
+                     .inverse = inverse,
+                     .device = call.device,
+                     .stream = call.stream});
+  };
+
+  each_chunk(call.rows, [&](size_t first, unsigned count) {
+    devptr_t x = at_byte(call.x, first * bytes.in);
+    devptr_t to = at_byte(z.p, first * z_row);
+    void* args[] = {&x, &to, &tables.chirp};
+    launch_kernel(plan.fn, blocks(plan.m), count, block, 0, args, BluesteinSteps::kPreName,
+                  call.stream);
+  });
+  transform(false);
+  each_chunk(call.rows, [&](size_t first, unsigned count) {
+    devptr_t at = at_byte(z.p, first * z_row);
+    void* args[] = {&at, &tables.filter};
+    launch_kernel(plan.multiply, blocks(plan.m), count, block, 0, args,
+                  BluesteinSteps::kMultiplyName, call.stream);
+  });
+  transform(true);
+  each_chunk(call.rows, [&](size_t first, unsigned count) {
+    devptr_t from = at_byte(z.p, first * z_row);
+    devptr_t out = at_byte(call.out, first * bytes.out);
+    T scale = static_cast<T>(plan.scale);
+    void* args[] = {&from, &out, &tables.chirp, &scale};
+    const int outputs = call.mode == BluesteinMode::kRealForward ? call.n / 2 + 1 : call.n;
+    launch_kernel(plan.post, blocks(outputs), count, block, 0, args, BluesteinSteps::kPostName,
+                  call.stream);
+  });
+}
+
+template <class T>
+void run(const BluesteinCall& call, Form form) {
+  static thread_local PlanMap<BluesteinPlan> plans;
+  const PlanKey key = plan_key(call, form);
+  auto it = plans.find(key);
+  if (it == plans.end()) it = plans.emplace(key, build_plan<T>(call, form)).first;
+  const BluesteinPlan& plan = it->second;
+  plan.in_shared() ? run_shared<T>(plan, call) : run_global<T>(plan, call);
+}
+
+}  // namespace
+
+template <class T>
+void bluestein_global(const BluesteinCall& call) {
+  run<T>(call, Form::kGlobal);
+}
 
 template <class T>
 void bluestein_complex(const FftCall& call) {
-  throw std::runtime_error("fft: n = " + std::to_string(call.n) +
-                           " takes the Bluestein route, which is not built yet");
+  run<T>({.x = call.x,
+          .out = call.out,
+          .rows = call.rows,
+          .n = call.n,
+          .mode = BluesteinMode::kComplex,
+          .inverse = call.inverse,
+          .half = call.half,
+          .device = call.device,
+          .stream = call.stream},
+         Form::kByFit);
 }
 
+template <class T>
+void bluestein_real(const RfftCall& call) {
+  run<T>({.x = call.x,
+          .out = call.out,
+          .rows = call.rows,
+          .n = call.n,
+          .mode = call.inverse ? BluesteinMode::kRealInverse : BluesteinMode::kRealForward,
+          .inverse = call.inverse,
+          .half = call.half,
+          .device = call.device,
+          .stream = call.stream},
+         Form::kByFit);
+}
+
+template void bluestein_global<float>(const BluesteinCall&);
+template void bluestein_global<double>(const BluesteinCall&);
 template void bluestein_complex<float>(const FftCall&);
 template void bluestein_complex<double>(const FftCall&);
+template void bluestein_real<float>(const RfftCall&);
+template void bluestein_real<double>(const RfftCall&);
 
 }  // namespace kevra::ops
