@@ -45,12 +45,8 @@ devptr_t upload_twiddles(const TwiddleTag& tag, int n, const Table& table, size_
 }
 
 uint64_t table_key(const TwiddleTag& tag, int n, size_t scalar_bytes, int variant) {
-  uint64_t key = tag.seed;
-  for (uint64_t v :
-       {uint64_t(n), uint64_t(scalar_bytes), uint64_t(tag.letter), uint64_t(variant)}) {
-    key = combine(key, v);
-  }
-  return key;
+  return key_of(
+      {tag.seed, uint64_t(n), uint64_t(scalar_bytes), uint64_t(tag.letter), uint64_t(variant)});
 }
 
 Table frame_table(const codegen::StftConfig& config) {

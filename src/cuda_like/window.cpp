@@ -118,11 +118,8 @@ void check_window(const WindowSpec& window, int64_t n_fft) {
 
 devptr_t window_table(const WindowSpec& window, int n_fft, int prec) {
   constexpr uint64_t kSeed = 119;
-  uint64_t key = kSeed;
-  for (uint64_t v :
-       {window.key, uint64_t(n_fft), uint64_t(codegen::complex_bytes(prec) / 2), uint64_t{0}}) {
-    key = combine(key, v);
-  }
+  const uint64_t key =
+      key_of({kSeed, window.key, uint64_t(n_fft), uint64_t(codegen::complex_bytes(prec) / 2)});
   return device_table_built(key, [&] { return build_table(window, n_fft, prec); });
 }
 
