@@ -70,7 +70,9 @@ ShapeHint hint_for(const IstftCall& call, const IstftShape& shape) {
 
 IstftPlan build_plan(const IstftCall& call, const IstftRoute& route) {
   const IstftKernel& kernel = route.kernel;
-  IstftPlan plan{.slots = kernel.slots, .staged = route.staged};
+  IstftPlan plan;
+  plan.slots = kernel.slots;
+  plan.staged = route.staged;
   plan.window = window_table(call.window, kernel.n_fft, kernel.compute);
   if (route.staged) {
     plan.steps = staged_frames(kernel, plan.window, call.device);

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "codegen/kernels/istft.h"
+#include "codegen/precision.h"
 #include "cuda_like/ops/fft.h"
 #include "cuda_like/ops/rfft.h"
 #include "cuda_like/twiddles.h"
@@ -18,6 +18,7 @@ constexpr int64_t kGridRows = 65535;
 // Lays the bins of all frames side by side at `to`, folded to half as many where n_fft is even.
 void gather(const StagedFrames& plan, const IstftCall& call, const IstftSizes& sizes, int64_t rows,
             devptr_t to) {
+  const IstftGather& kernel = plan.kernel;
   devptr_t z = call.z;
   devptr_t twiddles = plan.twiddles;
   int frames = sizes.frames;
@@ -48,14 +49,17 @@ void apply_window(const StagedFrames& plan, const IstftCall& call, const IstftSi
 StagedFrames staged_frames(const codegen::IstftKernel& kernel, devptr_t window, int device) {
   const IstftGather gather{kernel.n_fft, kernel.compute, kernel.storage};
   const FrameWindow multiply{kernel.n_fft, kernel.compute};
-  return {.gather = kernel_function(
-              gather.key(), device, [&] { return gather.source(backend()); }, gather.name()),
-          .apply_window = kernel_function(
-              multiply.key(), device, [&] { return multiply.source(backend()); }, multiply.kName),
-          .window = window,
-          .twiddles = gather.packs()
-                          ? fft_twiddles(kernel.n_fft, 0, kernel.compute == codegen::kDouble)
-                          : nullptr};
+  StagedFrames plan;
+  plan.kernel = gather;
+  plan.window = window;
+  plan.gather = kernel_function(
+      gather.key(), device, [&] { return gather.source(backend()); }, gather.name());
+  plan.apply_window = kernel_function(
+      multiply.key(), device, [&] { return multiply.source(backend()); }, multiply.kName);
+  if (gather.packs()) {
+    plan.twiddles = fft_twiddles(kernel.n_fft, 0, kernel.compute == codegen::kDouble);
+  }
+  return plan;
 }
 
 template <class T>

@@ -10,6 +10,7 @@ namespace kevra::ops {
 
 // The kernels before and after the transform, and the tables that they read.
 struct StagedFrames {
+  codegen::IstftGather kernel{};
   kernel_t gather = nullptr;
   kernel_t apply_window = nullptr;
   devptr_t window = nullptr;
