@@ -3,6 +3,7 @@
 #include "codegen/format.h"
 #include "codegen/kernel_signature.h"
 #include "codegen/kernel_writer.h"
+#include "codegen/kernels/half_spectrum.h"
 #include "codegen/precision.h"
 #include "codegen/prelude.h"
 #include "codegen/stages.h"
@@ -123,20 +124,6 @@ void store_columns(KernelWriter& w, const ColumnPass& p) {
         "($)[t] = $;", line,
         p.storage_out == p.compute ? v : w.backend.make_vector2(p.storage_out, v + ".x", v + ".y"));
   });
-}
-
-// zk and zn, which are Z[k] and Z[m - k], to the parts that even and odd samples have in a bin, or
-// from bins k and m - k to twice the parts that they have in z.
-void emit_even_odd(KernelWriter& w, const char* zk, const char* zn) {
-  const std::string t = w.backend.scalar_type(w.prec);
-  w.stmt("$ er = ($)0.5 * ($.x + $.x), ei = ($)0.5 * ($.y - $.y);", t, t, zk, zn, t, zk, zn);
-  w.stmt("$ or_ = ($)0.5 * ($.x - $.x), oi = ($)0.5 * ($.y + $.y);", t, t, zk, zn, t, zk, zn);
-}
-void emit_turned(KernelWriter& w, int n, bool conjugate) {
-  const std::string t = w.backend.scalar_type(w.prec);
-  const std::string root = w.twiddle("k", n, false, conjugate);
-  w.stmt("$ tr = $.x * or_ - $.y * oi;", t, root, root);
-  w.stmt("$ ti = $.x * oi + $.y * or_;", t, root, root);
 }
 
 // Head of the kernels with a thread a value.
@@ -285,7 +272,6 @@ std::string real_split_source(const RealStep& s, const Backend& backend) {
 
 std::string real_pack_source(const RealStep& s, const Backend& backend) {
   const std::string in = complex_type(s.compute, s.storage, backend);
-  const std::string cast = "(" + backend.scalar_type(s.compute) + ")";
   KernelWriter w(s.compute, backend);
   register_twiddle_table(w, s.compute, s.n, "tw", {});
   w.stmt("I64 k = (I64)$ * $ + $;", backend.block_index_x(), RealStep::kBlock,
@@ -294,12 +280,7 @@ std::string real_pack_source(const RealStep& s, const Backend& backend) {
   w.stmt("I64 row = $;", backend.block_index_y());
   w.stmt("const DEV $* xb = x + row * $;", in, s.m() + 1);
   w.stmt("DEV cplx* zb = z + row * $;", s.m());
-  w.stmt("cplx xk; { $ v = xb[k]; xk = cmk($v.x, $v.y); }", in, cast, cast);
-  w.stmt("cplx xn; { $ v = xb[$ - k]; xn = cmk($v.x, $v.y); }", in, s.m(), cast, cast);
-  w.line("  // bins of real rows: the first and the last are real");
-  w.stmt("if (k == 0) { xk.y = 0; xn.y = 0; }");
-  emit_even_odd(w, "xk", "xn");
-  emit_turned(w, s.n, true);
+  emit_packed_bin(w, s.n, s.storage, "xb[k]", format("xb[$ - k]", {std::to_string(s.m())}));
   w.stmt("zb[k] = cmk(er - ti, ei + tr);");
   return step_head(s, step_signature(RealStep::kPack, backend, "x", in, "z", "cplx")) + w.str() +
          "}\n";

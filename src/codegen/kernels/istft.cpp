@@ -22,7 +22,7 @@ std::string scalar_cast(const KernelWriter& w) {
 // A loop of the block's threads over `count` elements.
 template <class Body>
 void each_element(KernelWriter& w, const char* var, int count, Body body) {
-  w.for_loop(var, "tid", std::to_string(count), "TPF", body);
+  w.for_loop(var, "tid", std::to_string(count), "TPF", [&](const std::string&) { body(); });
 }
 
 // Puts `value` into a frame's slot, or adds it to the row that frames share.
@@ -52,26 +52,22 @@ void emit_transform(KernelWriter& w, const IstftKernel& k, const std::vector<int
 // Even n_fft: sample 2m is the real part, sample 2m + 1 the imaginary part of value m.
 void emit_folded_frame(KernelWriter& w, const IstftKernel& k, const std::vector<int>& radices) {
   const int h = k.length();
-  const std::string zero = scalar_cast(w) + "0";
   const std::string scale = scalar_cast(w) + number_literal(1.0 / h);
   map_frame_per_block(w);
   w.stmt("TG cplx* bufA = sh_all;");
   w.stmt("const DEV icplx* Zb = Z + (I64)batch*sb + (I64)frame*st;");
-  each_element(w, "k", h, [&](const std::string& i) {
-    load_bin(w, k.storage, "xk", "Zb[(I64)" + i + "*sk]");
-    load_bin(w, k.storage, "xn", format("Zb[(I64)($ - $)*sk]", {std::to_string(h), i}));
-    w.line("  // the first and the last bin of a real signal are real");
-    w.stmt("if ($ == 0) { xk.y = $; xn.y = $; }", i, zero, zero);
-    const FoldedBin z = fold_bins(w, k.n_fft, i);
-    w.stmt("bufA[SHP($)] = cmk($, -($));", i, z.re, z.im);
+  each_element(w, "k", h, [&] {
+    emit_packed_bin(w, k.n_fft, k.storage, "Zb[(I64)k*sk]",
+                    format("Zb[(I64)($ - k)*sk]", {std::to_string(h)}));
+    w.stmt("bufA[SHP(k)] = cmk(er - ti, -(ei + tr));");
   });
   emit_transform(w, k, radices);
   w.stmt("I64 ob = $;", frame_base(k, "frame"));
-  each_element(w, "k", h, [&](const std::string& i) {
-    w.stmt("cplx ck = bufA[SHP($)];", i);
+  each_element(w, "k", h, [&] {
+    w.stmt("cplx ck = bufA[SHP(k)];");
     w.stmt("$ re = ck.x*($), im = -ck.y*($);", w.backend.scalar_type(w.prec), scale, scale);
-    emit_overlap(w, k, "ob + 2*" + i, "re * win[2*" + i + "]");
-    emit_overlap(w, k, "ob + 2*" + i + "+1", "im * win[2*" + i + "+1]");
+    emit_overlap(w, k, "ob + 2*k", "re * win[2*k]");
+    emit_overlap(w, k, "ob + 2*k+1", "im * win[2*k+1]");
   });
 }
 
@@ -80,15 +76,14 @@ void emit_pair_load(KernelWriter& w, const IstftKernel& k) {
   const std::string t = w.backend.scalar_type(w.prec);
   const std::string cast = scalar_cast(w);
   const std::string zero = cast + "0";
-  each_element(w, "i", k.n_fft, [&](const std::string& i) {
-    w.stmt("I64 zi = ($ < NB) ? (I64)$*sk : (I64)($ - $)*sk;", i, i, k.n_fft, i);
+  each_element(w, "i", k.n_fft, [&] {
+    w.stmt("I64 zi = (i < NB) ? (I64)i*sk : (I64)($ - i)*sk;", k.n_fft);
     w.stmt("icplx Ai = ZA[zi];");
     w.stmt("icplx Bi = ZB[zi];");
-    w.stmt("$ sgn = ($ < NB) ? $1 : $-1;", t, i, cast, cast);
-    w.stmt("$ ar=$Ai.x, ai=($==0)?$:sgn*$Ai.y;", t, cast, i, zero, cast);
-    w.stmt("$ br=hasB?$Bi.x:$, bi=hasB?(($==0)?$:sgn*$Bi.y):$;", t, cast, zero, i, zero, cast,
-           zero);
-    w.stmt("bufA[SHP($)] = cmk(ar - bi, -(ai + br));", i);
+    w.stmt("$ sgn = (i < NB) ? $1 : $-1;", t, cast, cast);
+    w.stmt("$ ar=$Ai.x, ai=(i==0)?$:sgn*$Ai.y;", t, cast, zero, cast);
+    w.stmt("$ br=hasB?$Bi.x:$, bi=hasB?((i==0)?$:sgn*$Bi.y):$;", t, cast, zero, zero, cast, zero);
+    w.stmt("bufA[SHP(i)] = cmk(ar - bi, -(ai + br));");
   });
 }
 
@@ -108,13 +103,13 @@ void emit_frame_pair(KernelWriter& w, const IstftKernel& k, const std::vector<in
   emit_transform(w, k, radices);
   w.stmt("I64 obA = $;", frame_base(k, "fA"));
   w.stmt("I64 obB = $;", frame_base(k, "fB"));
-  each_element(w, "i", k.n_fft, [&](const std::string& i) {
-    w.stmt("cplx ck = bufA[SHP($)];", i);
+  each_element(w, "i", k.n_fft, [&] {
+    w.stmt("cplx ck = bufA[SHP(i)];");
     w.stmt("$ ga = ck.x*($), gb = -ck.y*($);", w.backend.scalar_type(w.prec), scale, scale);
-    w.stmt("$ wk = win[$];", w.backend.scalar_type(w.prec), i);
-    emit_overlap(w, k, "obA + " + i, "ga * wk");
+    w.stmt("$ wk = win[i];", w.backend.scalar_type(w.prec));
+    emit_overlap(w, k, "obA + i", "ga * wk");
     w.stmt("if (hasB)");
-    emit_overlap(w, k, "obB + " + i, "gb * wk");
+    emit_overlap(w, k, "obB + i", "gb * wk");
   });
 }
 
@@ -214,21 +209,19 @@ std::string IstftGather::key() const {
 
 std::string IstftGather::source(const Backend& backend) const {
   KernelWriter w(compute, backend);
-  const std::string zero = scalar_cast(w) + "0";
   flat_row_index(w, "k", std::to_string(count()));
   w.stmt("row += row0;");
   split_row(w, "bb", "tt");
   w.stmt("const DEV icplx* xb = Z + bb * sb + tt * st;");
   w.stmt("DEV cplx* zb = z + row * $;", count());
-  load_bin(w, storage, "xk", "xb[k * sk]");
   if (packs()) {
     register_twiddle_table(w, compute, n_fft, "tw", {});
-    load_bin(w, storage, "xn", format("xb[($ - k) * sk]", {std::to_string(n_fft / 2)}));
-    w.stmt("if (k == 0) { xk.y = $; xn.y = $; }", zero, zero);
-    const FoldedBin folded = fold_bins(w, n_fft, "k");
-    w.stmt("zb[k] = cmk($, $);", folded.re, folded.im);
+    emit_packed_bin(w, n_fft, storage, "xb[k * sk]",
+                    format("xb[($ - k) * sk]", {std::to_string(n_fft / 2)}));
+    w.stmt("zb[k] = cmk(er - ti, ei + tr);");
   } else {
-    w.stmt("if (k == 0) xk.y = $;", zero);
+    load_bin(w, storage, "xk", "xb[k * sk]");
+    w.stmt("if (k == 0) xk.y = 0;");
     w.stmt("zb[k] = xk;");
   }
   KernelSignature signature(name(), backend);
