@@ -6,7 +6,7 @@ namespace kevra_tools {
 
 const std::vector<Family>& families() {
   static const std::vector<Family> all{rms_family(), fft_family(), fft_register_family(),
-                                       db_family(), db_inverse_family()};
+                                       db_family(), db_inverse_family(), bluestein_family()};
   return all;
 }
 

@@ -102,13 +102,13 @@ std::string routed(BluesteinMode mode, int n, bool wide, bool half = false, int6
 TEST(BluesteinRoute, StaysInSharedMemoryWhereARowFits) {
   EXPECT_EQ(routed(kComplex, 41, false), "16 threads, 720 bytes");
   EXPECT_EQ(routed(kComplex, 1031, false), "131 threads, 17856 bytes");
-  EXPECT_EQ(routed(kComplex, 1031, true), "131 threads, 37808 bytes");
+  EXPECT_EQ(routed(kComplex, 1031, true), "300 threads, 37808 bytes");
   EXPECT_EQ(routed(kForward, 509, false), "32 threads, 8712 bytes");
   EXPECT_EQ(routed(kInverse, 1031, false), "131 threads, 17856 bytes");
   // The longest rows of 64 KiB: m = 7680 in float, 3600 in double.
   EXPECT_EQ(routed(kComplex, 3840, false), "480 threads, 65288 bytes");
   EXPECT_EQ(routed(kForward, 3841, false), "through device memory");
-  EXPECT_EQ(routed(kComplex, 1800, true), "225 threads, 64816 bytes");
+  EXPECT_EQ(routed(kComplex, 1800, true), "400 threads, 64816 bytes");
   EXPECT_EQ(routed(kComplex, 1823, true), "through device memory");
   // A block ends at 1024 threads whatever the device's memory.
   EXPECT_EQ(routed(kComplex, 16384, false, false, 1 << 20), "1024 threads, 278536 bytes");
