@@ -122,10 +122,13 @@ std::string spectrogram_prelude(int compute, int storage, const Backend& backend
 
 }  // namespace
 
-std::string IstftKernel::key() const {
-  return format("raw_istft_$_$_$_$_$_$",
+std::string IstftKernel::normalize_key() const {
+  return format("raw_istft_$_$_$_$_$",
                 {std::to_string(n_fft), std::to_string(hop), std::to_string(compute),
-                 std::to_string(storage), slots ? "s" : "a", std::to_string(tpf)});
+                 std::to_string(storage), slots ? "slots" : "sums"});
+}
+std::string IstftKernel::frames_key() const {
+  return normalize_key() + "_" + std::to_string(tpf);
 }
 
 size_t IstftKernel::shared_bytes() const {

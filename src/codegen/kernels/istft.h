@@ -29,7 +29,8 @@ struct IstftKernel {
   bool slots;
   int tpf = 0;  // threads to a block of istft_frames; 0 where another kernel makes the frames
 
-  std::string key() const;
+  std::string frames_key() const;
+  std::string normalize_key() const;
   bool pairs() const { return n_fft % 2 != 0; }
   int bins() const { return n_fft / 2 + 1; }
   // Of the complex transform.

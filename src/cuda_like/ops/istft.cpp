@@ -81,14 +81,14 @@ IstftPlan build_plan(const IstftCall& call, const IstftRoute& route) {
     plan.twiddles = fft_twiddles(kernel.table_size(), codegen::rader_prime(kernel.length()),
                                  kernel.compute == codegen::kDouble);
     plan.frames = kernel_function(
-        kernel.key(), call.device, [&] { return istft_frames_source(kernel, backend()); },
+        kernel.frames_key(), call.device, [&] { return istft_frames_source(kernel, backend()); },
         kernel.kFramesName);
     plan.block = static_cast<unsigned>(kernel.tpf);
     plan.shared = kernel.shared_bytes();
   }
   plan.normalize = kernel_function(
-      kernel.key(), call.device, [&] { return istft_normalize_source(kernel, backend()); },
-      kernel.kNormalizeName);
+      kernel.normalize_key(), call.device,
+      [&] { return istft_normalize_source(kernel, backend()); }, kernel.kNormalizeName);
   return plan;
 }
 
