@@ -7,12 +7,12 @@ import kevra
 import numpy as np
 import pytest
 from kevra import _diagnostics
-from support import DOUBLE, FLOAT, HALF, STORAGE, UNIT, Device, fresh, pools_in_use
+from support import DOUBLE, FLOAT, HALF, STORAGE, UNIT, Device, Fresh, fresh, pools_in_use
 
 ROUTES = {  # by what makes the frames; n_fft, hop
     "folded, a power of two": ((4, 1), (64, 16), (512, 128), (2048, 512)),
     "folded, mixed radices": ((6, 2), (400, 160), (882, 441), (1200, 7)),
-    "folded, a prime stage": ((34, 10), (1128, 282)),
+    "folded, a prime stage": ((34, 10), (272, 68)),
     "folded, primes twice": ((578, 144),),
     "no transform left": ((2, 1), (1, 1)),
     "pairs of frames": ((3, 1), (15, 4), (255, 85), (1001, 250)),
@@ -37,7 +37,7 @@ def window_of(n, periods=1):
 
 
 def overlap_add(z, window, n, hop, center, length=-1):
-    """Signal and summed squared windows."""
+    """Signal, summed squared windows, and the most of a row before the division."""
     batch, frames, bins = z.shape
     z = z.astype(np.complex128)
     z[..., 0].imag = 0
@@ -52,7 +52,7 @@ def overlap_add(z, window, n, hop, center, length=-1):
     end = pad + min(length if length >= 1 else total - 2 * pad, total - pad)
     heard = envelope > 1e-8
     signal = np.where(heard, raw / np.where(heard, envelope, 1), 0)
-    return signal[:, pad:end], envelope[pad:end]
+    return signal[:, pad:end], envelope[pad:end], abs(raw).max(axis=1, keepdims=True)
 
 
 def spectra(batch, frames, n, prec, seed=0):
@@ -68,13 +68,12 @@ def complex_of(parts):
 
 def assert_signal(got, z, window, n, hop, center, prec, what, length=-1):
     """Errors count before the division: a small envelope enlarges them and the signal alike."""
-    want, envelope = overlap_add(z, window, n, hop, center, length)
+    want, envelope, peak = overlap_add(z, window, n, hop, center, length)
     assert got.shape == want.shape, what
     np.testing.assert_array_equal(got[:, envelope <= 0.9e-8], 0, what)
     error = abs(got.astype(float) - want)
     if prec == HALF:
         error = np.maximum(error - np.spacing(abs(want).astype(np.float16)).astype(float), 0)
-    peak = abs(want * envelope).max(axis=1, keepdims=True) if want.size else 1
     off = (error * envelope / peak).max(initial=0) / UNIT[prec][1]
     assert off <= 8 + 4 * math.log(n), f"{what}: {off} units of {peak=}"
 
@@ -135,7 +134,7 @@ def test_every_precision_layout_and_route(n, hop):
                 assert_signal(got, complex_of(parts), window, n, hop, center, prec, what)
 
 
-@pytest.mark.parametrize("n", [20, 21])
+@pytest.mark.parametrize("n", [12, 13])
 def test_every_hop_and_length(n):
     z = complex_of(spectra(2, 5, n, DOUBLE))
     for hop in range(1, n + 1):
@@ -183,7 +182,8 @@ def test_a_name_and_its_samples_are_the_same_window():
         for name in "hann", "hamming":
             window = window_of(n) if name == "hamming" else 0.5 - 0.5 * np.cos(2 * np.pi * np.arange(n) / n)
             z = complex_of(spectra(1, 9, n, DOUBLE))
-            assert_signal(kevra.istft_staged(z, name, n, hop, True), z, window, n, hop, True, DOUBLE, f"{name} {n} {hop}")
+            got = kevra.istft_staged(z, name, n, hop, True)
+            assert_signal(got, z, window, n, hop, True, DOUBLE, f"{name} {n=} {hop=}")
 
 
 def test_windows_that_leave_gaps_are_refused():
@@ -216,7 +216,7 @@ RESIDENT = {
     "batch": (dict(batch=2**31), "batch is 2147483648, must be at most 2147483647"),
     "frames": (dict(frames=2**31), "frames is 2147483648, must be at most 2147483631"),
     "a huge frame": (dict(bins=2**40 + 1, n_fft=2**41), "n_fft is 2199023255552, must be at most"),
-    "memory beyond reason": (dict(frames=2**30, n_fft=2**20, bins=2**19 + 1), "frames x n_fft is 1125899906842624, must"),
+    "memory beyond reason": (dict(frames=2**30, n_fft=2**20, bins=2**19 + 1), "frames x n_fft is 1125899906842624, "),
 }
 
 
@@ -251,9 +251,10 @@ def test_more_rows_than_a_grid_has():
 
 def test_hints_change_the_threads_alone():
     z = complex_of(spectra(2, 6, 400, FLOAT))
-    for tpf in 1, 7, 64, 5000:
+    for tpf in 25, 5000:
         kevra.set_shape_hint("istft", 400, 100, True, 32, "", 0, 0, 0, 0, tpf, 0)
-        assert_signal(kevra.istft_staged(z, "hamming", 400, 100, True), z, window_of(400), 400, 100, True, FLOAT, f"{tpf=}")
+        got = kevra.istft_staged(z, "hamming", 400, 100, True)
+        assert_signal(got, z, window_of(400), 400, 100, True, FLOAT, f"{tpf=}")
 
 
 SMALL = ((512, 128, FLOAT), (400, 100, FLOAT), (512, 128, DOUBLE), (441, 110, FLOAT))
@@ -275,12 +276,14 @@ def test_the_staged_route_gives_the_fused_ones_signal():
 
 
 def digests():
-    return [hashlib.sha256(y.tobytes()).hexdigest() for y, _ in signals_and_routes((*SMALL, (255, 9, FLOAT), (2018, 99, FLOAT)))]
+    signals = signals_and_routes((*SMALL, (255, 9, FLOAT), (2018, 99, FLOAT)))
+    return [hashlib.sha256(y.tobytes()).hexdigest() for y, _ in signals]
 
 
 def test_deterministic_sums_do_not_know_the_order_of_threads():
-    runs = [fresh(digests, env={"KEVRA_CPU_ORDER": f"shuffle:{seed}"}) for seed in range(20)]
-    assert runs == [runs[0]] * 20
+    want = fresh(digests)  # compiles for those that follow
+    runs = [Fresh(digests, env={"KEVRA_CPU_ORDER": f"shuffle:{seed}"}) for seed in range(20)]
+    assert [run.result()[0] for run in runs] == [want] * 20
 
 
 def checked_signals():
@@ -290,7 +293,8 @@ def checked_signals():
                 kevra.set_deterministic(deterministic)
                 parts = spectra(2, 3, n, prec)
                 got = resident(device, parts, "hamming", n, hop, True, prec, layout="gaps")
-                assert_signal(got, complex_of(parts), window_of(n), n, hop, True, prec, f"{n=} {prec=} {deterministic=}")
+                what = f"{n=} {prec=} {deterministic=}"
+                assert_signal(got, complex_of(parts), window_of(n), n, hop, True, prec, what)
 
 
 def test_check_mode_finds_nothing():
