@@ -75,7 +75,8 @@ def assert_signal(got, z, window, n, hop, center, prec, what, length=-1):
     if prec == HALF:
         error = np.maximum(error - np.spacing(abs(want).astype(np.float16)).astype(float), 0)
     off = (error * envelope / peak).max(initial=0) / UNIT[prec][1]
-    assert off <= 8 + 4 * math.log(n), f"{what}: {off} units of {peak=}"
+    convolved = kevra.route_explain("istft", n, prec)["bluestein"]  # which rounds more
+    assert off <= (8 + 4 * math.log(n)) * (1 + convolved), f"{what}: {off} units of {peak=}"
 
 
 # Where bin k of frame f of row b stands: a copy of the parts, the index of the first, three strides.
@@ -145,7 +146,7 @@ def test_every_hop_and_length(n):
                 assert_signal(got, z, window_of(n), n, hop, center, DOUBLE, f"{n=} {hop=} {center=} {length=}", length)
 
 
-@pytest.mark.parametrize("n", [400, 2048, 255, 2018, 32768])
+@pytest.mark.parametrize("n", [400, 2048, 255, 1009, 2018, 16384, 32768])
 @pytest.mark.parametrize("prec", [FLOAT, DOUBLE])
 def test_undoes_the_forward_transform(prec, n):
     x = np.random.default_rng(n).uniform(-1, 1, (2, 6 * n)).astype(STORAGE[prec])
@@ -288,7 +289,7 @@ def test_deterministic_sums_do_not_know_the_order_of_threads():
 
 def checked_signals():
     with Device() as device:
-        for n, hop, prec in (64, 16, FLOAT), (64, 16, DOUBLE), (34, 9, DOUBLE), (15, 4, HALF), (254, 60, FLOAT):
+        for n, hop, prec in (64, 16, FLOAT), (64, 16, DOUBLE), (34, 9, DOUBLE), (15, 4, HALF), (254, 60, FLOAT), (41, 9, DOUBLE):
             for deterministic in 0, 1:
                 kevra.set_deterministic(deterministic)
                 parts = spectra(2, 3, n, prec)
