@@ -289,7 +289,8 @@ def test_deterministic_sums_do_not_know_the_order_of_threads():
 
 def checked_signals():
     with Device() as device:
-        for n, hop, prec in (64, 16, FLOAT), (64, 16, DOUBLE), (34, 9, DOUBLE), (15, 4, HALF), (254, 60, FLOAT), (41, 9, DOUBLE):
+        for n, hop, prec in ((64, 16, FLOAT), (64, 16, DOUBLE), (34, 9, DOUBLE), (15, 4, HALF), (254, 60, FLOAT),
+                             (41, 9, DOUBLE)):
             for deterministic in 0, 1:
                 kevra.set_deterministic(deterministic)
                 parts = spectra(2, 3, n, prec)
