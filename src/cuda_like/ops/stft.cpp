@@ -9,6 +9,7 @@
 #include "codegen/kernels/stft.h"
 #include "codegen/precision.h"
 #include "codegen/sizes.h"
+#include "cuda_like/hash.h"
 #include "cuda_like/ops/frames.h"
 #include "cuda_like/ops/guards.h"
 #include "cuda_like/ops/plan_map.h"
@@ -61,13 +62,9 @@ PlanKey plan_key(const StftCall& call, const FramePrecision& prec) {
   const uint64_t flags = static_cast<uint64_t>(call.form) << 8 |
                          static_cast<uint64_t>(prec.compute) << 4 |
                          static_cast<uint64_t>(prec.storage) << 2 | (call.center ? 1u : 0u);
-  uint64_t key = call.window.key;
-  for (uint64_t v :
-       {static_cast<uint64_t>(call.n_fft), static_cast<uint64_t>(call.hop),
-        static_cast<uint64_t>(call.device), flags, static_cast<uint64_t>(call.length),
-        call.form == codegen::kDecibelForm ? std::bit_cast<uint64_t>(call.eps) : uint64_t{0}}) {
-    key = combine(key, v);
-  }
+  const uint64_t eps = call.form == codegen::kDecibelForm ? std::bit_cast<uint64_t>(call.eps) : 0;
+  const uint64_t key = key_of({call.window.key, uint64_t(call.n_fft), uint64_t(call.hop),
+                               uint64_t(call.device), flags, uint64_t(call.length), eps});
   return {key, shape_epoch()};
 }
 
