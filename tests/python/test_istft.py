@@ -179,12 +179,16 @@ def test_a_name_and_its_samples_are_the_same_window():
     kevra.set_deterministic(1)
     by_name, by_samples = (kevra.istft_staged(z, w, 512, 128, True) for w in ("hann", periodic))
     np.testing.assert_allclose(by_name, by_samples, rtol=0, atol=1e-15 * abs(by_name).max())
-    for n, hop in (320, 3), (256, 64), (256, 66), (320, 1):  # names and sizes that lie close together
-        for name in "hann", "hamming":
-            window = window_of(n) if name == "hamming" else 0.5 - 0.5 * np.cos(2 * np.pi * np.arange(n) / n)
-            z = complex_of(spectra(1, 9, n, DOUBLE))
-            got = kevra.istft_staged(z, name, n, hop, True)
-            assert_signal(got, z, window, n, hop, True, DOUBLE, f"{name} {n=} {hop=}")
+
+
+def test_calls_that_differ_little_keep_tables_and_plans_apart():
+    x = np.random.default_rng(1).uniform(-1, 1, (1, 2000))
+    for name in "hann", "hamming":
+        for n, hop in (320, 1), (320, 3), (256, 64), (256, 66):
+            z = kevra.stft_staged(x, name, n, hop, True, "complex").swapaxes(1, 2)
+            y = kevra.istft_staged(z, name, n, hop, True)
+            inside = slice(n, y.shape[1] - n)
+            assert abs(y[:, inside] - x[:, inside]).max() <= 1e-13, f"{name} {n=} {hop=}"
 
 
 def test_windows_that_leave_gaps_are_refused():
