@@ -8,4 +8,7 @@ PYBIND11_MODULE(_empty_binding, m) {
   m.def("rms_resident", [](uintptr_t, uintptr_t, int64_t, int64_t, int64_t, int64_t, int64_t, bool,
                            int, int, uintptr_t) {});
   m.def("fft_resident", [](uintptr_t, uintptr_t, int64_t, int64_t, bool, int, int, uintptr_t) {});
+  m.def("istft_resident",
+        [](uintptr_t, uintptr_t, int64_t, int64_t, int64_t, int64_t, int64_t, int64_t, int64_t,
+           int64_t, bool, int64_t, const pybind11::object&, int, int, uintptr_t) {});
 }

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <string_view>
 
 namespace kevra {
@@ -20,6 +21,12 @@ uint64_t matrix_hash(const double* data, size_t rows, size_t cols);
 constexpr uint64_t kHashMix = 0x9e3779b97f4a7c15;
 constexpr uint64_t combine(uint64_t h, uint64_t v) {
   return h ^ (v + kHashMix + (h << 6) + (h >> 2));
+}
+
+// One key of several values, for whatever is looked up by the key alone. A chain of combine() does
+// not do: small values cancel out, and one window of 320 samples had the key of another of 256.
+inline uint64_t key_of(std::initializer_list<uint64_t> values) {
+  return content_hash(values.begin(), values.size() * sizeof(uint64_t));
 }
 
 }  // namespace kevra

@@ -25,5 +25,7 @@ Family db_inverse_family();
 Family bluestein_family();
 Family four_step_family();
 Family rfft_family();
+Family stft_family();
+Family istft_family();
 
 }  // namespace kevra_tools
