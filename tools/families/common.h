@@ -22,5 +22,6 @@ Family fft_family();
 Family fft_register_family();
 Family db_family();
 Family db_inverse_family();
+Family stft_family();
 
 }  // namespace kevra_tools

@@ -11,8 +11,7 @@ bool loads_float_pairs(const Backend& backend, const StftConfig& config) {
          config.hop % 2 == 0 && config.pad % 2 == 0;
 }
 
-void emit_float_pairs(KernelWriter& w, const StftConfig& config,
-                      const std::vector<SamplePair>& pairs) {
+void emit_float_pairs(KernelWriter& w, const std::vector<SamplePair>& pairs) {
   for (const SamplePair& p : pairs) {
     const std::string loaded = w.fresh("ld");
     w.stmt("float2 $ = *(const float2*)(yb + start + 2*($));", loaded, p.index);
@@ -66,7 +65,7 @@ void emit_sample_pairs(KernelWriter& w, const StftConfig& config,
     w.stmt("int start = frame*$ - $;", config.hop, config.pad);
     w.stmt("if ((SIG_LEN & 1)==0 && ((I64)yb & 7)==0 && start >= 0 && start + $ <= SIG_LEN) {",
            config.n_fft);
-    emit_float_pairs(w, config, pairs);
+    emit_float_pairs(w, pairs);
     w.stmt("} else {");
     emit_reflected_pairs(w, config, pairs);
     w.stmt("}");
