@@ -25,12 +25,12 @@ void pack_bins(const FilterBank& bank, PackedFilterBank& packed) {
   packed.b1.assign(bank.bins, -1);
   packed.w0.assign(bank.bins, 0);
   packed.w1.assign(bank.bins, 0);
-  for (int m = 0; m < bank.n_mels; ++m) {
-    const double* row = bank.weights + static_cast<int64_t>(m) * bank.bins;
-    for (int k = 0; k < bank.bins; ++k) {
+  for (int64_t m = 0; m < bank.n_mels; ++m) {
+    const double* row = bank.weights + m * bank.bins;
+    for (int64_t k = 0; k < bank.bins; ++k) {
       if (!is_weight(row[k])) continue;
       const bool first = packed.b0[k] < 0;
-      (first ? packed.b0 : packed.b1)[k] = m;
+      (first ? packed.b0 : packed.b1)[k] = static_cast<int32_t>(m);
       (first ? packed.w0 : packed.w1)[k] = row[k];
     }
   }
@@ -59,36 +59,39 @@ FilterBankTable upload_bank(const std::string& name, const PackedFilterBank& pac
 
 FilterBankTable build_table(const FilterBank& bank, uint64_t key, bool wide) {
   char name[80];
-  std::snprintf(name, sizeof name, "fbt_%016llx_%d_%d_%zu", static_cast<unsigned long long>(key),
-                bank.n_mels, bank.bins, wide ? sizeof(double) : sizeof(float));
+  std::snprintf(name, sizeof name, "fbt_%016llx_%lld_%lld_%zu",
+                static_cast<unsigned long long>(key), static_cast<long long>(bank.n_mels),
+                static_cast<long long>(bank.bins), wide ? sizeof(double) : sizeof(float));
   const PackedFilterBank packed = pack_filter_bank(bank);
   return wide ? upload_bank<double>(name, packed) : upload_bank<float>(name, packed);
 }
 
 }  // namespace
 
-FilterBank filter_bank(const char* op, const double* weights, int64_t n_mels, int64_t bins,
-                       int64_t n_fft) {
+FilterBank filter_bank(const double* weights, int64_t n_mels, int64_t bins) {
+  static thread_local MatrixHashMemo memo;
+  return {weights, n_mels, bins, memo.hash(weights, n_mels, bins)};
+}
+
+void check_filter_bank(const char* op, const FilterBank& bank, int64_t n_fft) {
   const std::string name = op;
-  if (bins != n_fft / 2 + 1) {
-    throw std::invalid_argument(name + ": filterbank bins != n_fft/2+1 (" + std::to_string(bins) +
-                                " columns for n_fft " + std::to_string(n_fft) + ")");
+  if (bank.bins != n_fft / 2 + 1) {
+    throw std::invalid_argument(name + ": filterbank bins != n_fft/2+1 (" +
+                                std::to_string(bank.bins) + " columns for n_fft " +
+                                std::to_string(n_fft) + ")");
   }
   // Offsets into the packed weights are 32-bit.
-  const int64_t most = std::numeric_limits<int32_t>::max() / bins;
-  if (n_mels < 1 || n_mels > most) {
-    throw std::invalid_argument(name + ": filterbank rows is " + std::to_string(n_mels) +
-                                ", must be from 1 to " + std::to_string(most));
+  const int64_t most = std::numeric_limits<int32_t>::max() / bank.bins;
+  if (bank.n_mels < 1 || bank.n_mels > most) {
+    throw std::invalid_argument(name + ": filterbank has " + std::to_string(bank.n_mels) +
+                                " rows, must have from 1 to " + std::to_string(most));
   }
-  static thread_local MatrixHashMemo memo;
-  return {weights, static_cast<int>(n_mels), static_cast<int>(bins),
-          memo.hash(weights, n_mels, bins)};
 }
 
 PackedFilterBank pack_filter_bank(const FilterBank& bank) {
   PackedFilterBank packed;
-  for (int m = 0; m < bank.n_mels; ++m) {
-    const double* row = bank.weights + static_cast<int64_t>(m) * bank.bins;
+  for (int64_t m = 0; m < bank.n_mels; ++m) {
+    const double* row = bank.weights + m * bank.bins;
     const double* end = row + bank.bins;
     const double* first = std::find_if(row, end, is_weight);
     while (end > first && !is_weight(end[-1])) --end;

@@ -12,17 +12,17 @@ namespace kevra {
 // A bank of the caller's, row-major, borrowed for the length of a call.
 struct FilterBank {
   const double* weights;
-  int n_mels;
-  int bins;
+  int64_t n_mels;
+  int64_t bins;
   // Of a sample of the weights where there are more than 512 of them: banks that differ between
   // the samples count as one.
   uint64_t hash;
 };
+FilterBank filter_bank(const double* weights, int64_t n_mels, int64_t bins);
 
 // Throws std::invalid_argument, naming `op`, for a bank that does not fit n_fft / 2 + 1 bins or
 // has more weights than the kernels index.
-FilterBank filter_bank(const char* op, const double* weights, int64_t n_mels, int64_t bins,
-                       int64_t n_fft);
+void check_filter_bank(const char* op, const FilterBank& bank, int64_t n_fft);
 
 // Row m is w[off[m]] .. w[off[m + 1] - 1], from its first to its last non-zero weight, and starts
 // at bin lo[m]. Bin k's first row is b0[k] with weight w0[k], the last of its other rows b1[k] with

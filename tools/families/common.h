@@ -23,5 +23,7 @@ Family fft_register_family();
 Family db_family();
 Family db_inverse_family();
 Family stft_family();
+Family mel_family();
+Family mel_bands_family();
 
 }  // namespace kevra_tools

@@ -11,6 +11,7 @@ void bind_fft(pybind11::module_& m);
 void bind_features(pybind11::module_& m);
 void bind_db(pybind11::module_& m);
 void bind_spectrograms(pybind11::module_& m);
+void bind_mel(pybind11::module_& m);
 void bind_routing(pybind11::module_& m);
 
 }  // namespace kevra::bindings

@@ -9,5 +9,6 @@ PYBIND11_MODULE(_rocm, m) {
   kevra::bindings::bind_features(m);
   kevra::bindings::bind_db(m);
   kevra::bindings::bind_spectrograms(m);
+  kevra::bindings::bind_mel(m);
   kevra::bindings::bind_routing(m);
 }
