@@ -159,36 +159,43 @@ def on_a_built_route(n: int, inverse: bool, bits: int, call):
     return call(), True
 
 
+CALLS = 200  # per timing of the host's cost, so that reading the clock does not count
+
+
 def report_host_cost(chosen: argparse.Namespace, name: str, arguments: tuple, bar: float) -> int:
-    """Measures what the host spends in a warm call of kevra's function on top of an empty binding of the same name and
-    arguments. KEVRA_CPU_NULL has to be set already: the launches do nothing."""
+    """Reports what the host spends in a warm call of kevra's function, see host_cost."""
+    with cache_folder():
+        cost, notes = host_cost(chosen.rounds, name, arguments)
+    measured = f"{chosen.rounds} rounds of {CALLS} calls each, alternating, same arguments"
+    return report(chosen, measured, [Figure("host cost", cost, "us", bar)], notes)
+
+
+def host_cost(rounds: int, name: str, arguments: tuple) -> tuple[float, dict[str, str]]:
+    """Microseconds that the host spends in a warm call of kevra's function on top of an empty binding of the same name
+    and arguments, and notes on both. KEVRA_CPU_NULL has to be set already: the launches do nothing."""
     sys.path.insert(0, str(Path(kevra._rocm.__file__).parents[2] / "bench"))
     import _empty_binding
 
-    calls = 200  # per timing, so that reading the clock does not count
-
     def seconds(function) -> float:
         started = time.perf_counter()
-        for _ in repeat(None, calls):
+        for _ in repeat(None, CALLS):
             function(*arguments)
         return time.perf_counter() - started
 
     hip = Hip()
     warm, empty = [], []
-    with cache_folder():
-        seconds(getattr(kevra, name))  # compiles, fills the memos
-        for _ in progress(range(chosen.rounds), "rounds"):
-            empty.append(seconds(getattr(_empty_binding, name)))
-            warm.append(seconds(getattr(kevra, name)))
-            hip.synchronize()
-    differences = [(w - e) / calls * 1e6 for w, e in zip(warm, empty)]
+    seconds(getattr(kevra, name))  # compiles, fills the memos
+    for _ in progress(range(rounds), "rounds"):
+        empty.append(seconds(getattr(_empty_binding, name)))
+        warm.append(seconds(getattr(kevra, name)))
+        hip.synchronize()
+    differences = [(w - e) / CALLS * 1e6 for w, e in zip(warm, empty)]
     notes = {
-        "empty call": f"{statistics.median(empty) / calls * 1e6:.3f} us median",
-        name: f"{statistics.median(warm) / calls * 1e6:.3f} us median",
-        "least": f"{(min(warm) - min(empty)) / calls * 1e6:.3f} us on top",
+        "empty call": f"{statistics.median(empty) / CALLS * 1e6:.3f} us median",
+        name: f"{statistics.median(warm) / CALLS * 1e6:.3f} us median",
+        "least": f"{(min(warm) - min(empty)) / CALLS * 1e6:.3f} us on top",
     }
-    measured = f"{chosen.rounds} rounds of {calls} calls each, alternating, same arguments"
-    return report(chosen, measured, [Figure("host cost", statistics.median(differences), "us", bar)], notes)
+    return statistics.median(differences), notes
 
 
 class Hip:

@@ -106,6 +106,12 @@ TEST(FftStages, APrimeRadixIsAConvolution) {
   expect_stages({.n = 272, .tpf = 16, .prec = kDouble, .table = false});
 }
 
+TEST(FftStages, AProductOfLargePrimesIsAPassEach) {
+  for (int prec : {kFloat, kDouble}) {
+    expect_stages({.n = 2 * 17 * 31, .tpf = 64, .prec = prec});
+  }
+}
+
 TEST(FftStages, APrimeRadixThatHasNoStageIsRefused) {
   KernelWriter w(kFloat, backend());
   EXPECT_THROW(emit_fft_stages(w, "sh", 34, {2, 17}, 8, true), std::logic_error);

@@ -22,6 +22,7 @@ Family fft_family();
 Family fft_register_family();
 Family db_family();
 Family db_inverse_family();
+Family bluestein_family();
 Family stft_family();
 Family mel_family();
 Family mel_bands_family();

@@ -25,12 +25,15 @@ std::vector<std::complex<T>> chirp_of(int n, bool inverse) {
   constexpr int kChunk = 4096;  // some half a millisecond
   std::vector<std::complex<T>> chirp(n);
   const long double step = (inverse ? 1 : -1) * std::numbers::pi_v<long double> / n;
-  host_fft::parallel_for((n - 1) / kChunk + 1, [&](int chunk) {
-    const int64_t end = std::min<int64_t>((chunk + int64_t{1}) * kChunk, n);
+  const T mirrored_sign = n % 2 == 0 ? 1 : -1;  // (n - k)^2 is k^2 + n^2 modulo 2 n
+  const int count = n / 2 + 1;
+  host_fft::parallel_for((count - 1) / kChunk + 1, [&](int chunk) {
+    const int64_t end = std::min<int64_t>((chunk + int64_t{1}) * kChunk, count);
     for (int64_t k = int64_t{chunk} * kChunk; k < end; ++k) {
       // Reduced to one turn as an integer; in floating point the square would eat the angle.
       const long double angle = step * static_cast<long double>(k * k % (2 * int64_t{n}));
       chirp[k] = {static_cast<T>(std::cos(angle)), static_cast<T>(std::sin(angle))};
+      if (k != 0) chirp[n - k] = mirrored_sign * chirp[k];
     }
   });
   return chirp;

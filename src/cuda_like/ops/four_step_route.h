@@ -1,0 +1,44 @@
+// How a transform too long for one block is split, and the kernels of its passes. Pure functions of
+// size, precision and the device's shared memory; nothing here touches a device.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <utility>
+
+#include "codegen/kernels/four_step.h"
+
+namespace kevra::ops {
+
+// A grid's second dimension ends here, and a block row works on one row.
+inline constexpr int64_t kFourStepRows = 65535;
+
+struct FourStepShape {
+  int n;  // complex values to a row
+  bool wide;
+  bool inverse;
+  bool half_in;  // 16-bit storage
+  bool half_out;
+};
+
+// The most balanced (n1, n2), n1 the smaller, with a column of either in shared memory; (0, 0) when
+// there is none.
+std::pair<int, int> four_step_sides(int n, bool wide, int64_t shared_limit);
+
+struct FourStepRoute {
+  codegen::ColumnPass first;
+  codegen::ColumnPass second;
+};
+// None for an n that has no sides.
+std::optional<FourStepRoute> route_four_step(const FourStepShape& shape, int64_t shared_limit);
+
+// The forward transform of 2 m reals, whose second pass splits as well.
+struct FourStepRealRoute {
+  codegen::ColumnPass first;
+  codegen::RealPass second;
+};
+// None when m has no sides or n2 is odd, where no tile of columns ends at the middle.
+std::optional<FourStepRealRoute> route_four_step_real(int m, bool wide, bool half,
+                                                      int64_t shared_limit);
+
+}  // namespace kevra::ops
