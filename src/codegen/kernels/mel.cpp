@@ -66,6 +66,27 @@ void emit_frame_bands(KernelWriter& w, const StftConfig& s, const std::string& f
   });
 }
 
+// acc: the sum over i below `len` of two elements' product, `weight` and `power` being texts with a
+// `$` for what stands behind i. One running sum would round a thousand times over wide bands, and
+// every addition would wait for the one before.
+void emit_weighted_sum(KernelWriter& w, const std::string& type, const std::string& weight,
+                       const std::string& power) {
+  constexpr int kSums = 4;
+  const auto add = [&](int sum, int step) {
+    const std::string place = std::to_string(step);
+    w.stmt("acc$ += $ * $;", sum, format(weight.c_str(), {place}), format(power.c_str(), {place}));
+  };
+  for (int s = 0; s < kSums; ++s) w.stmt("$ acc$ = ($)0;", type, s, type);
+  w.stmt("int i = 0;");
+  w.stmt("for (; i + $ < len; i += $) {", kSums - 1, kSums);
+  for (int s = 0; s < kSums; ++s) add(s, s);
+  w.stmt("}");
+  w.stmt("for (; i < len; ++i) {");
+  add(0, 0);
+  w.stmt("}");
+  w.stmt("$ acc = (acc0 + acc1) + (acc2 + acc3);", type);
+}
+
 }  // namespace
 
 StftConfig route_mel(const StftRequest& request, int n_mels, int power, const ShapeHint& hint,
@@ -108,8 +129,7 @@ void emit_bands(KernelWriter& w, const StftConfig& config, const std::string& po
   const std::string type = w.backend.scalar_type(band_precision(config));
   w.for_loop("m", "tid", "NMELS", "TPF", [&](const std::string& m) {
     w.stmt("int off = fb_off[$], len = fb_off[$+1] - off, lo = fb_lo[$];", m, m, m);
-    w.stmt("$ acc = ($)0;", type, type);
-    w.stmt("for (int i = 0; i < len; ++i) acc += fb_w[off+i] * $[lo+i];", powers);
+    emit_weighted_sum(w, type, "fb_w[off+i+$]", powers + "[lo+i+$]");
     sink(m, "acc");
   });
 }
@@ -159,9 +179,8 @@ std::string band_source(const BandKernel& kernel, const Backend& backend) {
   flat_row_index(w, "m", std::to_string(kernel.n_mels));
   w.stmt("row += row0;");
   w.stmt("const DEV $* pb = P + row * $;", type, kernel.bins);
-  w.stmt("int j0 = off[m], j1 = off[m + 1], l0 = lo[m];");
-  w.stmt("$ acc = ($)0;", type, type);
-  w.stmt("for (int j = j0; j < j1; ++j) acc += w[j] * pb[l0 + (j - j0)];");
+  w.stmt("int j0 = off[m], len = off[m + 1] - j0, l0 = lo[m];");
+  emit_weighted_sum(w, type, "w[j0+i+$]", "pb[l0+i+$]");
   w.stmt("mel[row * $ + m] = $;", kernel.n_mels,
          backend.convert_scalar(kernel.storage, band_value(w, kernel.form, "acc")));
   return backend.source_preamble(kernel.storage == kHalf ? kHalf : kernel.compute) +
