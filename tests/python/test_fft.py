@@ -157,13 +157,6 @@ def test_devices_have_tables_plans_and_hints_of_their_own():
     fresh(on_two_devices, env={"KEVRA_CPU_DEVICES": "2"})
 
 
-@pytest.mark.parametrize("n, prec, route", [(16384, DOUBLE, "takes the four-step route")])
-def test_sizes_whose_route_is_not_built_say_so(n, prec, route):
-    with Device() as device, pytest.raises(RuntimeError, match=f"^fft: n = {n} {route}, which is not built yet$"):
-        resident(device, signal(1, n, prec), False, prec)
-    assert pools_in_use()[1] == 0
-
-
 LAYOUTS = {
     "complex": lambda x: x,
     "complex64": lambda x: x.astype(np.complex64),

@@ -3,6 +3,7 @@
 #include "codegen/format.h"
 #include "codegen/kernel_signature.h"
 #include "codegen/kernel_writer.h"
+#include "codegen/kernels/spectrum_output.h"
 #include "codegen/precision.h"
 #include "codegen/prelude.h"
 #include "codegen/stages.h"
@@ -257,7 +258,8 @@ std::string real_pass_source(const RealPass& p, const Backend& backend) {
 }
 
 std::string RealStep::split_key() const {
-  return key_of("crsplit", {n, compute, storage}) + "_m0";
+  return key_of("crsplit", {n, compute, storage}) + "_m" + std::to_string(form) +
+         eps_key(form, eps);
 }
 std::string RealStep::pack_key() const {
   return key_of("crpack", {n, compute, storage});
@@ -265,7 +267,7 @@ std::string RealStep::pack_key() const {
 
 std::string real_split_source(const RealStep& s, const Backend& backend) {
   const std::string m = std::to_string(s.m());
-  const std::string out = complex_type(s.compute, s.storage, backend);
+  const std::string out = output_type(backend, s.form, s.storage);
   KernelWriter w(s.compute, backend);
   register_twiddle_table(w, s.compute, s.n, "tw", {});
   w.stmt("I64 k = (I64)$ * $ + $;", backend.block_index_x(), RealStep::kBlock,
@@ -278,8 +280,9 @@ std::string real_split_source(const RealStep& s, const Backend& backend) {
   w.stmt("cplx zn = zb[k == 0 ? 0 : $ - (k < $ ? k : $)];", m, m, m);
   emit_even_odd(w, "zk", "zn");
   emit_turned(w, s.n, false);
-  w.stmt("ob[k] = $;", backend.make_vector2(s.storage, "er + ti", "ei - tr"));
-  return step_head(s, step_signature(RealStep::kSplit, backend, "z", "cplx", "out", out)) +
+  emit_output_element(w, s.form, s.storage, "ob[k]", "er + ti", "ei - tr");
+  return eps_define(s.form, s.eps) +
+         step_head(s, step_signature(RealStep::kSplit, backend, "z", "cplx", "out", out)) +
          w.str() + "}\n";
 }
 

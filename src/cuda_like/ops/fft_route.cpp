@@ -12,17 +12,6 @@ using codegen::ComplexFftKernel;
 using codegen::is_power_of_two;
 using codegen::ShapeHint;
 
-constexpr int kBlockLimit = 1024;
-
-// Bits of a hint's `var`.
-constexpr int kVarRadix25 = 1;
-constexpr int kVarHalfExchange = 2;
-constexpr int kVarPadded = 4;
-constexpr int kVarFlipLayout = 8;
-
-// More values than this in one thread would spill on every GPU there is.
-constexpr int kLargestEpt = 32;
-
 bool one_of(int n, std::initializer_list<int> sizes) {
   return std::find(sizes.begin(), sizes.end(), n) != sizes.end();
 }
@@ -69,18 +58,6 @@ std::optional<FftRoute> power_route(const FftShape& s, const ShapeHint& h, int64
   return std::nullopt;
 }
 
-// EPT first, then the largest radices that divide what is left.
-std::vector<int> peel(int n, int first, int most) {
-  std::vector<int> radices{first};
-  for (int left = n / first; left > 1;) {
-    int r = std::min(left, most);
-    while (left % r != 0) --r;
-    radices.push_back(r);
-    left /= r;
-  }
-  return radices;
-}
-
 std::optional<FftRoute> pair_route(const FftShape& s, const ShapeHint& h) {
   if (h.core > 0 || !s.half || !s.pair || s.inverse || !one_of(s.n, {512, 1024, 2048, 4096})) {
     return std::nullopt;
@@ -88,7 +65,7 @@ std::optional<FftRoute> pair_route(const FftShape& s, const ShapeHint& h) {
   const int ept = s.n == 4096 ? 32 : 16;
   const int threads = s.n / ept;
   RegisterFft reg{.ept = ept,
-                  .radices = peel(s.n, ept, 16),
+                  .radices = peel_radices(s.n, ept, 16),
                   .rows = 2,
                   .window_layout = true,
                   .shared_bytes = static_cast<size_t>(threads) * (ept + 1) * 4 + 128};
@@ -115,7 +92,7 @@ std::vector<int> wished_radices(const FftShape& s, const ShapeHint& h, bool wind
   while (s.n % ept != 0) --ept;
   // One value a thread would peel for ever, and a wish for too many is not worth compiling.
   if (ept < 2 || ept > kLargestEpt) return {};
-  return peel(s.n, ept, window_layout && ept >= 17 ? 16 : ept);
+  return peel_radices(s.n, ept, window_layout && ept >= 17 ? 16 : ept);
 }
 
 // The radices of a size that is no power of two, listed or asked for. Empty: none.
@@ -214,6 +191,17 @@ ComplexFftKernel shared_kernel(const FftShape& s, const ShapeHint& h, int64_t li
 }
 
 }  // namespace
+
+std::vector<int> peel_radices(int n, int first, int most) {
+  std::vector<int> radices{first};
+  for (int left = n / first; left > 1;) {
+    int r = std::min(left, most);
+    while (left % r != 0) --r;
+    radices.push_back(r);
+    left /= r;
+  }
+  return radices;
+}
 
 const char* fft_form_name(FftForm form) {
   switch (form) {

@@ -12,6 +12,21 @@
 
 namespace kevra::ops {
 
+inline constexpr int kBlockLimit = 1024;  // threads
+
+// Bits of a hint's `var`.
+inline constexpr int kVarRadix25 = 1;
+inline constexpr int kVarHalfExchange = 2;
+inline constexpr int kVarPadded = 4;
+inline constexpr int kVarFlipLayout = 8;
+
+// More values than this in one thread would spill on every GPU there is.
+inline constexpr int kLargestEpt = 32;
+
+// The radices of a register kernel: `first`, then the largest up to `most` that divide what is
+// left of n.
+std::vector<int> peel_radices(int n, int first, int most);
+
 struct FftShape {
   int n;
   bool wide;  // the double twin
