@@ -1,6 +1,7 @@
 #include "cuda_like/filter_bank.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <limits>
 #include <map>
@@ -69,7 +70,10 @@ FilterBankTable build_table(const FilterBank& bank, uint64_t key, bool wide) {
 }  // namespace
 
 FilterBank filter_bank(const double* weights, int64_t n_mels, int64_t bins) {
-  static thread_local MatrixHashMemo memo;
+  // Several, so that a caller with a handful of banks finds each again: by its address, since the
+  // answer holds for any.
+  static thread_local std::array<MatrixHashMemo, 8> memos;
+  MatrixHashMemo& memo = memos[(reinterpret_cast<uintptr_t>(weights) * kHashMix) >> 61];
   return {weights, n_mels, bins, memo.hash(weights, n_mels, bins)};
 }
 

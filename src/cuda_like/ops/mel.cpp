@@ -97,7 +97,7 @@ int64_t check_mel(const MelOptions& o, int64_t batch, int64_t length) {
   }
   const int64_t frames =
       frame_count(length, o.n_fft, o.hop, frame_padding(o.n_fft, o.center), "mel");
-  require_int32("mel", "batch", batch, 1);
+  check_frame_batch("mel", MelKernel::kName, batch);
   check_window(o.window, o.n_fft);
   if (o.form == codegen::kDecibelForm && !(o.eps >= 0 && std::isfinite(o.eps))) {
     throw std::invalid_argument("mel: eps is " + shown(o.eps) + ", must be finite and not below 0");
@@ -179,6 +179,7 @@ void staged_mel(const MelPlan& plan, const MelCall& call) {
   spectra.form = spectra.power == 1 ? codegen::kMagnitudeForm : codegen::kPowerForm;
   spectra.prec = spectra.out_prec = band_precision(plan.config);
   const int64_t rows = call.batch * spectra.frames;
+  require_int32("mel", "batch x frames", rows, 1);
   const size_t bins = spectra.n_fft / 2 + 1;
   DeviceBuffer p(static_cast<size_t>(rows) * bins * sizeof(T), call.stream);
   staged_stft<T>({.y = call.y,
@@ -210,7 +211,7 @@ void mel_dispatch(const MelCall& call) {
   const PlanKey key = plan_key(call, prec);
   if (call.override == nullptr) {
     if (const auto it = plans<T>().find(key); it != plans<T>().end()) {
-      require_int32("mel", "batch", call.batch, 1);
+      check_frame_batch("mel", MelKernel::kName, call.batch);
       select_device(call.device);
       return run<T>(it->second, call);
     }
