@@ -51,7 +51,7 @@ def test_random_settings(way, prec):
             got = kevra.stft_staged(y, window, n_fft, hop, center, output)
             name = window if isinstance(window, str) else "array"
             what = f"batch {batch}, length {length}, {name}, n_fft {n_fft}, hop {hop}, center {center}, {output}"
-            assert got.dtype == (y[:0].astype(np.complex64) if prec == FLOAT else y[:0] + 0j).dtype or output != "complex"
+            assert got.dtype == (np.result_type(y, np.complex64) if output == "complex" else y.dtype)
             # The one sample of some windows is zero.
             spectrum = stft_reference(y, window, n_fft, hop, center)
             if np.linalg.norm(spectrum) > 1e-3:
@@ -187,13 +187,15 @@ def test_plans_are_kept_apart_and_found_again():
 
 
 def test_result_is_a_view_and_blocks_go_home():
-    before = pools_in_use()
-    for n_fft in 512, 441, 254:
-        got = kevra.stft_staged(signal(2, 3000, np.float32), "hann", n_fft, 100, True, "power")
-        bins, frames = got.shape[1:]
-        assert got.strides == (4 * bins * frames, 4, 4 * bins) and got.flags.writeable
-    del got
-    assert pools_in_use() == before
+    in_use = []
+    for _ in range(2):  # tables stay with the first calls
+        for n_fft in 512, 441, 254:
+            got = kevra.stft_staged(signal(2, 3000, np.float32), "hann", n_fft, 100, True, "power")
+            bins, frames = got.shape[1:]
+            assert got.strides == (4 * bins * frames, 4, 4 * bins) and got.flags.writeable
+        del got
+        in_use.append(pools_in_use())
+    assert in_use[0] == in_use[1]
 
 
 BAD = [

@@ -31,7 +31,7 @@ void emit_frame_map(KernelWriter& w, const StftConfig& config);
 std::string frame_buffer(const StftConfig& config);
 
 // Loads the frame and transforms it; the points stand in frame_buffer, in natural order, behind a
-// barrier. Std::logic_error for the core that has no kernel.
+// barrier. Throws std::logic_error for the core that has no kernel.
 void emit_frame_transform(KernelWriter& w, const StftConfig& config);
 
 // Bin k of the frame as two expressions in the compute type.
