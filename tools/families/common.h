@@ -24,6 +24,7 @@ Family db_family();
 Family db_inverse_family();
 Family bluestein_family();
 Family four_step_family();
+Family rfft_family();
 Family stft_family();
 Family mel_family();
 Family mel_bands_family();
