@@ -6,8 +6,9 @@ namespace kevra_tools {
 
 const std::vector<Family>& families() {
   static const std::vector<Family> all{
-      rms_family(),  fft_family(),  fft_register_family(), bluestein_family(), four_step_family(),
-      rfft_family(), stft_family(), istft_family(),        db_family(),        db_inverse_family(),
+      rms_family(),       fft_family(),       fft_register_family(), bluestein_family(),
+      four_step_family(), rfft_family(),      stft_family(),         istft_family(),
+      mel_family(),       mel_bands_family(), db_family(),           db_inverse_family(),
   };
   return all;
 }

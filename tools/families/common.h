@@ -27,5 +27,7 @@ Family four_step_family();
 Family rfft_family();
 Family stft_family();
 Family istft_family();
+Family mel_family();
+Family mel_bands_family();
 
 }  // namespace kevra_tools

@@ -62,6 +62,32 @@ void emit_split_root(KernelWriter& w, const StftConfig& config, const std::strin
 
 }  // namespace
 
+std::string frame_key(const char* prefix, const StftConfig& s) {
+  std::string text = prefix;
+  for (int field :
+       {s.n_fft, s.hop, s.prec, s.in_prec, s.out_prec, s.form, s.win_kind, s.pad, s.fpb, s.ept,
+        s.tpf, static_cast<int>(s.core), s.shp_shift, int{s.padded}, int{s.tw_global}}) {
+    text += "_" + std::to_string(field);
+  }
+  return text;
+}
+
+int frame_block(const StftConfig& config) {
+  return config.tpf * config.fpb;
+}
+
+unsigned frame_blocks(const StftConfig& config, int frames) {
+  const int per_block = config.pair ? 2 : config.fpb;
+  return static_cast<unsigned>((static_cast<int64_t>(frames) + per_block - 1) / per_block);
+}
+
+std::string frame_title(const StftConfig& s) {
+  const char* core = s.core == StftCore::kCooleyTukey ? "ct" : core_name(s.core);
+  return format("// kevra rfft<$, EPT<$>, TPF<$>, FPB<$>> core=$\n",
+                {std::to_string(s.n_fft), std::to_string(s.ept), std::to_string(s.tpf),
+                 std::to_string(s.fpb), core});
+}
+
 std::string frame_prelude(const Backend& backend, const StftConfig& config) {
   if (!is_mixed(config)) return schedule_prelude(backend, config);
   const bool half = config.in_prec == kHalf || config.out_prec == kHalf;

@@ -13,6 +13,14 @@
 
 namespace kevra::codegen {
 
+// The part of a frame kernel's key that its schedule makes, behind the operation's `prefix`.
+std::string frame_key(const char* prefix, const StftConfig& config);
+// The launch: threads of a block, and grid x; grid y is the batch.
+int frame_block(const StftConfig& config);
+unsigned frame_blocks(const StftConfig& config, int frames);
+
+// A first line that tells the schedule.
+std::string frame_title(const StftConfig& config);
 // The head of a frame kernel up to its signature: vocabulary, refl, and NB, F, TPF, TWN, SHP.
 std::string frame_prelude(const Backend& backend, const StftConfig& config);
 std::string frame_defines(const StftConfig& config);

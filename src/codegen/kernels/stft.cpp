@@ -23,13 +23,6 @@ std::string head(const StftKernel& kernel, const Backend& backend) {
       .head();
 }
 
-std::string title(const StftConfig& s) {
-  const char* core = s.core == StftCore::kCooleyTukey ? "ct" : core_name(s.core);
-  return format("// kevra rfft<$, EPT<$>, TPF<$>, FPB<$>> core=$\n",
-                {std::to_string(s.n_fft), std::to_string(s.ept), std::to_string(s.tpf),
-                 std::to_string(s.fpb), core});
-}
-
 void emit_spectra(KernelWriter& w, const StftConfig& s) {
   const auto store_at = [&](const char* row) {
     return [&w, &s, row](const std::string& k, const std::string& re, const std::string& im) {
@@ -51,19 +44,7 @@ void emit_spectra(KernelWriter& w, const StftConfig& s) {
 }  // namespace
 
 std::string StftKernel::key() const {
-  const StftConfig& s = config;
-  std::string text = "raw_stft";
-  for (int field :
-       {s.n_fft, s.hop, s.prec, s.in_prec, s.out_prec, s.form, s.win_kind, s.pad, s.fpb, s.ept,
-        s.tpf, static_cast<int>(s.core), s.shp_shift, int{s.padded}, int{s.tw_global}}) {
-    text += "_" + std::to_string(field);
-  }
-  return text + eps_key(s.form, s.eps);
-}
-
-unsigned StftKernel::blocks(int frames) const {
-  const int per_block = config.pair ? 2 : config.fpb;
-  return static_cast<unsigned>((static_cast<int64_t>(frames) + per_block - 1) / per_block);
+  return frame_key("raw_stft", config) + eps_key(config.form, config.eps);
 }
 
 std::string stft_source(const StftKernel& kernel, const Backend& backend) {
@@ -73,7 +54,7 @@ std::string stft_source(const StftKernel& kernel, const Backend& backend) {
   emit_frame_transform(w, s);
   w.line("  // split into bins and store");
   emit_spectra(w, s);
-  return title(s) + frame_prelude(backend, s) + frame_defines(s) + eps_define(s.form, s.eps) +
+  return frame_title(s) + frame_prelude(backend, s) + frame_defines(s) + eps_define(s.form, s.eps) +
          head(kernel, backend) + w.str() + "}\n";
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "codegen/backend.h"
+#include "codegen/kernels/frame_transform.h"
 #include "codegen/stft_config.h"
 
 namespace kevra::codegen {
@@ -17,8 +18,8 @@ struct StftKernel {
   StftConfig config;
 
   std::string key() const;
-  int block() const { return config.tpf * config.fpb; }
-  unsigned blocks(int frames) const;  // grid x; grid y is the batch
+  int block() const { return frame_block(config); }
+  unsigned blocks(int frames) const { return frame_blocks(config, frames); }
   size_t shared_bytes() const { return frame_shared_bytes(config); }
 };
 

@@ -26,4 +26,14 @@ int64_t frame_count(int64_t length, int64_t n_fft, int64_t hop, int64_t pad, con
   return (length + 2 * pad - n_fft) / hop + 1;
 }
 
+void check_frame_batch(const char* op, const char* kernel, int64_t batch) {
+  constexpr int64_t kGridLimit = 65535;
+  require_at_least(op, "batch", batch, 1);
+  if (batch > kGridLimit) {
+    throw std::invalid_argument(
+        std::string(kernel) + ": batch exceeds grid.y limit: " + std::to_string(batch) +
+        " rows, at most " + std::to_string(kGridLimit) + "; pass them in several calls");
+  }
+}
+
 }  // namespace kevra::ops

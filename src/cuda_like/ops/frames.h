@@ -15,4 +15,8 @@ constexpr int64_t frame_padding(int64_t n_fft, bool center) {
 // reflected or too long for the kernels' 32-bit positions.
 int64_t frame_count(int64_t length, int64_t n_fft, int64_t hop, int64_t pad, const char* op);
 
+// Batch is grid y of a frame kernel, `kernel`. Throws std::invalid_argument for a batch that it has
+// no rows for.
+void check_frame_batch(const char* op, const char* kernel, int64_t batch);
+
 }  // namespace kevra::ops

@@ -82,19 +82,8 @@ ShapeHint hint_for(const StftCall& call, const FramePrecision& prec) {
   return hint;
 }
 
-// Of a plan's every call: all that the plan does not settle.
-void check_batch(int64_t batch) {
-  constexpr int64_t kGridLimit = 65535;
-  require_at_least("stft", "batch", batch, 1);
-  if (batch > kGridLimit) {
-    throw std::invalid_argument("kevra_stft: batch exceeds grid.y limit: " + std::to_string(batch) +
-                                " rows, at most " + std::to_string(kGridLimit) +
-                                "; pass them in several calls");
-  }
-}
-
 void check_stft(const StftCall& call) {
-  check_batch(call.batch);
+  check_frame_batch("stft", StftKernel::kName, call.batch);
   check_window(call.window, call.n_fft);
   if (call.form == codegen::kDecibelForm && !(call.eps >= 0 && std::isfinite(call.eps))) {
     throw std::invalid_argument("stft: eps is " + std::to_string(call.eps) +
@@ -165,7 +154,7 @@ void stft_dispatch(const StftCall& call) {
   const PlanKey key = plan_key(call, prec);
   StftPlan plan;
   if (call.override == nullptr && find_plan(key, &plan) && !plan.staged) {
-    check_batch(call.batch);
+    check_frame_batch("stft", StftKernel::kName, call.batch);
     select_device(call.device);
     return launch(plan, call);
   }

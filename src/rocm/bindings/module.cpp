@@ -10,5 +10,6 @@ PYBIND11_MODULE(_rocm, m) {
   kevra::bindings::bind_db(m);
   kevra::bindings::bind_spectrograms(m);
   kevra::bindings::bind_istft(m);
+  kevra::bindings::bind_mel(m);
   kevra::bindings::bind_routing(m);
 }
