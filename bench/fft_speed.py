@@ -29,7 +29,8 @@ def main() -> int:
             what = f"{name}, {rows} rows of {n}"
             operations = rows * n * math.log2(n) * (2.5 if name == "real" else 5)  # the customary count
             for who, seconds in ("kevra", kernel), ("scipy", peer):
-                notes[f"{what}, {who}"] = f"{operations / seconds * 1e-9:.2f} GFLOP/s, {seconds / rows * 1e6:.1f} us a row"
+                rate = operations / seconds * 1e-9
+                notes[f"{what}, {who}"] = f"{rate:.2f} GFLOP/s, {seconds / rows * 1e6:.1f} us a row"
             figures.append(harness.Figure(f"{what}, of scipy's speed", peer / kernel, "", 0.20, at_least=True))
     measured = f"{chosen.rounds} rounds, alternating, least processor time of each"
     return harness.report(chosen, measured, figures, notes)

@@ -58,7 +58,8 @@ ROUTES = {
     "shared memory": 360, "radix 25": 600, "a prime stage": 34, "large primes": 289, "a chirp": 127,
     "a chirp through device memory": 2039, "four steps": 16384,
 }
-USEFUL = {"core": (0, 1, 2), "ept": (0, 4, 5, 8, 16), "fpb": (0, 1, 2, 4), "tpf": (0, 32, 64, 256), "var": (0, 1, 2, 4, 8)}
+USEFUL = {"core": (0, 1, 2), "ept": (0, 4, 5, 8, 16), "fpb": (0, 1, 2, 4), "tpf": (0, 32, 64, 256),
+          "var": (0, 1, 2, 4, 8)}
 ABSURD = {"core": (3, 99, -1), "ept": (1, 3, 10**9, -7), "fpb": (1000, 2**31 - 1, -1), "tpf": (1, 7, 1025, 2**31 - 1),
           "var": (15, 16, 2**31 - 1, -2**31)}
 

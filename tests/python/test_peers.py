@@ -8,7 +8,8 @@ import numpy as np
 import pytest
 
 BENCH = Path(__file__).parents[2] / "bench"
-TINY = ["--sizes", "16,100", "--real-sizes", "21,30", "--batches", "3", "--signals", "2x4096", "--rounds", "2", "--copy", "1"]
+TINY = ["--sizes", "16,100", "--real-sizes", "21,30", "--batches", "3", "--signals", "2x4096", "--rounds", "2",
+        "--copy", "1"]
 ABSENT = "raise ImportError"
 BLIND = "class cuda: is_available = staticmethod(lambda: False)"
 # Off by 1e-4 where 5e-6 are allowed: what rounding to half precision somewhere would give.
