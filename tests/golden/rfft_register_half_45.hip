@@ -311,58 +311,60 @@ extern "C" __global__ void __launch_bounds__(63) kevra_rfft(const __half* __rest
   cplx v289 = cmul(v230, v288);
   cplx v290 = cmul(v288, v276);
   cplx v291 = cmul(v248, v290);
-  cplx v292 = cmul(v290, v276);
-  cplx v293 = cmul(v266, v292);
-  cplx v294 = cmul(v292, v276);
-  cplx v295 = cmul(v200, v294);
-  cplx v296 = cmul(v294, v276);
-  cplx v297 = cmul(v218, v296);
-  cplx v298 = cmul(v296, v276);
-  cplx v299 = cmul(v236, v298);
-  cplx v300 = cmul(v298, v276);
-  cplx v301 = cmul(v254, v300);
-  cplx v302 = cmul(v300, v276);
-  cplx v303 = cmul(v272, v302);
-  int q304 = 0; { int rem = tid + 0;
-    { int d = rem / 1; rem = rem % 1; q304 += d * 1; }
+  float a292 = (float)(-0.13962634015954636) * (float)(9 * j0);
+  float c293, s294; __sincosf(a292, &s294, &c293);
+  cplx v295 = cmk((float)c293, (float)s294);
+  cplx v296 = cmul(v266, v295);
+  cplx v297 = cmul(v295, v276);
+  cplx v298 = cmul(v200, v297);
+  cplx v299 = cmul(v297, v276);
+  cplx v300 = cmul(v218, v299);
+  cplx v301 = cmul(v299, v276);
+  cplx v302 = cmul(v236, v301);
+  cplx v303 = cmul(v301, v276);
+  cplx v304 = cmul(v254, v303);
+  cplx v305 = cmul(v303, v276);
+  cplx v306 = cmul(v272, v305);
+  int q307 = 0; { int rem = tid + 0;
+    { int d = rem / 1; rem = rem % 1; q307 += d * 1; }
   }
-  cplx u305;
-  cplx u306;
-  cplx u307;
-  int q308 = 0; { int rem = tid + 3;
-    { int d = rem / 1; rem = rem % 1; q308 += d * 1; }
-  }
+  cplx u308;
   cplx u309;
   cplx u310;
-  cplx u311;
-  int q312 = 0; { int rem = tid + 6;
-    { int d = rem / 1; rem = rem % 1; q312 += d * 1; }
+  int q311 = 0; { int rem = tid + 3;
+    { int d = rem / 1; rem = rem % 1; q311 += d * 1; }
   }
+  cplx u312;
   cplx u313;
   cplx u314;
-  cplx u315;
-  int q316 = 0; { int rem = tid + 9;
-    { int d = rem / 1; rem = rem % 1; q316 += d * 1; }
+  int q315 = 0; { int rem = tid + 6;
+    { int d = rem / 1; rem = rem % 1; q315 += d * 1; }
   }
+  cplx u316;
   cplx u317;
   cplx u318;
-  cplx u319;
-  int q320 = 0; { int rem = tid + 12;
-    { int d = rem / 1; rem = rem % 1; q320 += d * 1; }
+  int q319 = 0; { int rem = tid + 9;
+    { int d = rem / 1; rem = rem % 1; q319 += d * 1; }
   }
+  cplx u320;
   cplx u321;
   cplx u322;
-  cplx u323;
-  int e324 = 0 * 1 + q304 / 15;
-  int k325 = (q304 % 15) * 1;
-  int e326 = 0 * 1 + q308 / 15;
-  int k327 = (q308 % 15) * 1;
-  int e328 = 0 * 1 + q312 / 15;
-  int k329 = (q312 % 15) * 1;
-  int e330 = 0 * 1 + q316 / 15;
-  int k331 = (q316 % 15) * 1;
-  int e332 = 0 * 1 + q320 / 15;
-  int k333 = (q320 % 15) * 1;
+  int q323 = 0; { int rem = tid + 12;
+    { int d = rem / 1; rem = rem % 1; q323 += d * 1; }
+  }
+  cplx u324;
+  cplx u325;
+  cplx u326;
+  int e327 = 0 * 1 + q307 / 15;
+  int k328 = (q307 % 15) * 1;
+  int e329 = 0 * 1 + q311 / 15;
+  int k330 = (q311 % 15) * 1;
+  int e331 = 0 * 1 + q315 / 15;
+  int k332 = (q315 % 15) * 1;
+  int e333 = 0 * 1 + q319 / 15;
+  int k334 = (q319 % 15) * 1;
+  int e335 = 0 * 1 + q323 / 15;
+  int k336 = (q323 % 15) * 1;
   v[wb + 0] = v188.x;
   v[wb + 1] = v277.x;
   v[wb + 2] = v279.x;
@@ -372,28 +374,28 @@ extern "C" __global__ void __launch_bounds__(63) kevra_rfft(const __half* __rest
   v[wb + 6] = v287.x;
   v[wb + 7] = v289.x;
   v[wb + 8] = v291.x;
-  v[wb + 9] = v293.x;
-  v[wb + 10] = v295.x;
-  v[wb + 11] = v297.x;
-  v[wb + 12] = v299.x;
-  v[wb + 13] = v301.x;
-  v[wb + 14] = v303.x;
+  v[wb + 9] = v296.x;
+  v[wb + 10] = v298.x;
+  v[wb + 11] = v300.x;
+  v[wb + 12] = v302.x;
+  v[wb + 13] = v304.x;
+  v[wb + 14] = v306.x;
   __syncthreads();
-  u305.x = v[((e324 + 0) % 3) * 16 + (e324 + 0) / 3 + k325];
-  u306.x = v[((e324 + 1) % 3) * 16 + (e324 + 1) / 3 + k325];
-  u307.x = v[((e324 + 2) % 3) * 16 + (e324 + 2) / 3 + k325];
-  u309.x = v[((e326 + 0) % 3) * 16 + (e326 + 0) / 3 + k327];
-  u310.x = v[((e326 + 1) % 3) * 16 + (e326 + 1) / 3 + k327];
-  u311.x = v[((e326 + 2) % 3) * 16 + (e326 + 2) / 3 + k327];
-  u313.x = v[((e328 + 0) % 3) * 16 + (e328 + 0) / 3 + k329];
-  u314.x = v[((e328 + 1) % 3) * 16 + (e328 + 1) / 3 + k329];
-  u315.x = v[((e328 + 2) % 3) * 16 + (e328 + 2) / 3 + k329];
-  u317.x = v[((e330 + 0) % 3) * 16 + (e330 + 0) / 3 + k331];
-  u318.x = v[((e330 + 1) % 3) * 16 + (e330 + 1) / 3 + k331];
-  u319.x = v[((e330 + 2) % 3) * 16 + (e330 + 2) / 3 + k331];
-  u321.x = v[((e332 + 0) % 3) * 16 + (e332 + 0) / 3 + k333];
-  u322.x = v[((e332 + 1) % 3) * 16 + (e332 + 1) / 3 + k333];
-  u323.x = v[((e332 + 2) % 3) * 16 + (e332 + 2) / 3 + k333];
+  u308.x = v[((e327 + 0) % 3) * 16 + (e327 + 0) / 3 + k328];
+  u309.x = v[((e327 + 1) % 3) * 16 + (e327 + 1) / 3 + k328];
+  u310.x = v[((e327 + 2) % 3) * 16 + (e327 + 2) / 3 + k328];
+  u312.x = v[((e329 + 0) % 3) * 16 + (e329 + 0) / 3 + k330];
+  u313.x = v[((e329 + 1) % 3) * 16 + (e329 + 1) / 3 + k330];
+  u314.x = v[((e329 + 2) % 3) * 16 + (e329 + 2) / 3 + k330];
+  u316.x = v[((e331 + 0) % 3) * 16 + (e331 + 0) / 3 + k332];
+  u317.x = v[((e331 + 1) % 3) * 16 + (e331 + 1) / 3 + k332];
+  u318.x = v[((e331 + 2) % 3) * 16 + (e331 + 2) / 3 + k332];
+  u320.x = v[((e333 + 0) % 3) * 16 + (e333 + 0) / 3 + k334];
+  u321.x = v[((e333 + 1) % 3) * 16 + (e333 + 1) / 3 + k334];
+  u322.x = v[((e333 + 2) % 3) * 16 + (e333 + 2) / 3 + k334];
+  u324.x = v[((e335 + 0) % 3) * 16 + (e335 + 0) / 3 + k336];
+  u325.x = v[((e335 + 1) % 3) * 16 + (e335 + 1) / 3 + k336];
+  u326.x = v[((e335 + 2) % 3) * 16 + (e335 + 2) / 3 + k336];
   __syncthreads();
   v[wb + 0] = v188.y;
   v[wb + 1] = v277.y;
@@ -404,153 +406,120 @@ extern "C" __global__ void __launch_bounds__(63) kevra_rfft(const __half* __rest
   v[wb + 6] = v287.y;
   v[wb + 7] = v289.y;
   v[wb + 8] = v291.y;
-  v[wb + 9] = v293.y;
-  v[wb + 10] = v295.y;
-  v[wb + 11] = v297.y;
-  v[wb + 12] = v299.y;
-  v[wb + 13] = v301.y;
-  v[wb + 14] = v303.y;
+  v[wb + 9] = v296.y;
+  v[wb + 10] = v298.y;
+  v[wb + 11] = v300.y;
+  v[wb + 12] = v302.y;
+  v[wb + 13] = v304.y;
+  v[wb + 14] = v306.y;
   __syncthreads();
-  u305.y = v[((e324 + 0) % 3) * 16 + (e324 + 0) / 3 + k325];
-  u306.y = v[((e324 + 1) % 3) * 16 + (e324 + 1) / 3 + k325];
-  u307.y = v[((e324 + 2) % 3) * 16 + (e324 + 2) / 3 + k325];
-  u309.y = v[((e326 + 0) % 3) * 16 + (e326 + 0) / 3 + k327];
-  u310.y = v[((e326 + 1) % 3) * 16 + (e326 + 1) / 3 + k327];
-  u311.y = v[((e326 + 2) % 3) * 16 + (e326 + 2) / 3 + k327];
-  u313.y = v[((e328 + 0) % 3) * 16 + (e328 + 0) / 3 + k329];
-  u314.y = v[((e328 + 1) % 3) * 16 + (e328 + 1) / 3 + k329];
-  u315.y = v[((e328 + 2) % 3) * 16 + (e328 + 2) / 3 + k329];
-  u317.y = v[((e330 + 0) % 3) * 16 + (e330 + 0) / 3 + k331];
-  u318.y = v[((e330 + 1) % 3) * 16 + (e330 + 1) / 3 + k331];
-  u319.y = v[((e330 + 2) % 3) * 16 + (e330 + 2) / 3 + k331];
-  u321.y = v[((e332 + 0) % 3) * 16 + (e332 + 0) / 3 + k333];
-  u322.y = v[((e332 + 1) % 3) * 16 + (e332 + 1) / 3 + k333];
-  u323.y = v[((e332 + 2) % 3) * 16 + (e332 + 2) / 3 + k333];
+  u308.y = v[((e327 + 0) % 3) * 16 + (e327 + 0) / 3 + k328];
+  u309.y = v[((e327 + 1) % 3) * 16 + (e327 + 1) / 3 + k328];
+  u310.y = v[((e327 + 2) % 3) * 16 + (e327 + 2) / 3 + k328];
+  u312.y = v[((e329 + 0) % 3) * 16 + (e329 + 0) / 3 + k330];
+  u313.y = v[((e329 + 1) % 3) * 16 + (e329 + 1) / 3 + k330];
+  u314.y = v[((e329 + 2) % 3) * 16 + (e329 + 2) / 3 + k330];
+  u316.y = v[((e331 + 0) % 3) * 16 + (e331 + 0) / 3 + k332];
+  u317.y = v[((e331 + 1) % 3) * 16 + (e331 + 1) / 3 + k332];
+  u318.y = v[((e331 + 2) % 3) * 16 + (e331 + 2) / 3 + k332];
+  u320.y = v[((e333 + 0) % 3) * 16 + (e333 + 0) / 3 + k334];
+  u321.y = v[((e333 + 1) % 3) * 16 + (e333 + 1) / 3 + k334];
+  u322.y = v[((e333 + 2) % 3) * 16 + (e333 + 2) / 3 + k334];
+  u324.y = v[((e335 + 0) % 3) * 16 + (e335 + 0) / 3 + k336];
+  u325.y = v[((e335 + 1) % 3) * 16 + (e335 + 1) / 3 + k336];
+  u326.y = v[((e335 + 2) % 3) * 16 + (e335 + 2) / 3 + k336];
   // radix 3 in blocks of 3
-  cplx v334 = cadd(u305, u306);
-  cplx v335 = cadd(v334, u307);
-  cplx v336 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
-  cplx v337 = cmul(u306, v336);
-  cplx v338 = cadd(u305, v337);
-  cplx v339 = cmk((float)-0.50000000000000044, (float)0.86602540378443837);
-  cplx v340 = cmul(u307, v339);
-  cplx v341 = cadd(v338, v340);
+  cplx v337 = cadd(u308, u309);
+  cplx v338 = cadd(v337, u310);
+  cplx v339 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
+  cplx v340 = cmul(u309, v339);
+  cplx v341 = cadd(u308, v340);
   cplx v342 = cmk((float)-0.50000000000000044, (float)0.86602540378443837);
-  cplx v343 = cmul(u306, v342);
-  cplx v344 = cadd(u305, v343);
-  cplx v345 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
-  cplx v346 = cmul(u307, v345);
-  cplx v347 = cadd(v344, v346);
-  cplx v348 = cadd(u309, u310);
-  cplx v349 = cadd(v348, u311);
-  cplx v350 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
-  cplx v351 = cmul(u310, v350);
-  cplx v352 = cadd(u309, v351);
-  cplx v353 = cmk((float)-0.50000000000000044, (float)0.86602540378443837);
-  cplx v354 = cmul(u311, v353);
-  cplx v355 = cadd(v352, v354);
+  cplx v343 = cmul(u310, v342);
+  cplx v344 = cadd(v341, v343);
+  cplx v345 = cmk((float)-0.50000000000000044, (float)0.86602540378443837);
+  cplx v346 = cmul(u309, v345);
+  cplx v347 = cadd(u308, v346);
+  cplx v348 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
+  cplx v349 = cmul(u310, v348);
+  cplx v350 = cadd(v347, v349);
+  cplx v351 = cadd(u312, u313);
+  cplx v352 = cadd(v351, u314);
+  cplx v353 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
+  cplx v354 = cmul(u313, v353);
+  cplx v355 = cadd(u312, v354);
   cplx v356 = cmk((float)-0.50000000000000044, (float)0.86602540378443837);
-  cplx v357 = cmul(u310, v356);
-  cplx v358 = cadd(u309, v357);
-  cplx v359 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
-  cplx v360 = cmul(u311, v359);
-  cplx v361 = cadd(v358, v360);
-  cplx v362 = cadd(u313, u314);
-  cplx v363 = cadd(v362, u315);
-  cplx v364 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
-  cplx v365 = cmul(u314, v364);
-  cplx v366 = cadd(u313, v365);
-  cplx v367 = cmk((float)-0.50000000000000044, (float)0.86602540378443837);
-  cplx v368 = cmul(u315, v367);
-  cplx v369 = cadd(v366, v368);
+  cplx v357 = cmul(u314, v356);
+  cplx v358 = cadd(v355, v357);
+  cplx v359 = cmk((float)-0.50000000000000044, (float)0.86602540378443837);
+  cplx v360 = cmul(u313, v359);
+  cplx v361 = cadd(u312, v360);
+  cplx v362 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
+  cplx v363 = cmul(u314, v362);
+  cplx v364 = cadd(v361, v363);
+  cplx v365 = cadd(u316, u317);
+  cplx v366 = cadd(v365, u318);
+  cplx v367 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
+  cplx v368 = cmul(u317, v367);
+  cplx v369 = cadd(u316, v368);
   cplx v370 = cmk((float)-0.50000000000000044, (float)0.86602540378443837);
-  cplx v371 = cmul(u314, v370);
-  cplx v372 = cadd(u313, v371);
-  cplx v373 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
-  cplx v374 = cmul(u315, v373);
-  cplx v375 = cadd(v372, v374);
-  cplx v376 = cadd(u317, u318);
-  cplx v377 = cadd(v376, u319);
-  cplx v378 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
-  cplx v379 = cmul(u318, v378);
-  cplx v380 = cadd(u317, v379);
-  cplx v381 = cmk((float)-0.50000000000000044, (float)0.86602540378443837);
-  cplx v382 = cmul(u319, v381);
-  cplx v383 = cadd(v380, v382);
+  cplx v371 = cmul(u318, v370);
+  cplx v372 = cadd(v369, v371);
+  cplx v373 = cmk((float)-0.50000000000000044, (float)0.86602540378443837);
+  cplx v374 = cmul(u317, v373);
+  cplx v375 = cadd(u316, v374);
+  cplx v376 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
+  cplx v377 = cmul(u318, v376);
+  cplx v378 = cadd(v375, v377);
+  cplx v379 = cadd(u320, u321);
+  cplx v380 = cadd(v379, u322);
+  cplx v381 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
+  cplx v382 = cmul(u321, v381);
+  cplx v383 = cadd(u320, v382);
   cplx v384 = cmk((float)-0.50000000000000044, (float)0.86602540378443837);
-  cplx v385 = cmul(u318, v384);
-  cplx v386 = cadd(u317, v385);
-  cplx v387 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
-  cplx v388 = cmul(u319, v387);
-  cplx v389 = cadd(v386, v388);
-  cplx v390 = cadd(u321, u322);
-  cplx v391 = cadd(v390, u323);
-  cplx v392 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
-  cplx v393 = cmul(u322, v392);
-  cplx v394 = cadd(u321, v393);
-  cplx v395 = cmk((float)-0.50000000000000044, (float)0.86602540378443837);
-  cplx v396 = cmul(u323, v395);
-  cplx v397 = cadd(v394, v396);
+  cplx v385 = cmul(u322, v384);
+  cplx v386 = cadd(v383, v385);
+  cplx v387 = cmk((float)-0.50000000000000044, (float)0.86602540378443837);
+  cplx v388 = cmul(u321, v387);
+  cplx v389 = cadd(u320, v388);
+  cplx v390 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
+  cplx v391 = cmul(u322, v390);
+  cplx v392 = cadd(v389, v391);
+  cplx v393 = cadd(u324, u325);
+  cplx v394 = cadd(v393, u326);
+  cplx v395 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
+  cplx v396 = cmul(u325, v395);
+  cplx v397 = cadd(u324, v396);
   cplx v398 = cmk((float)-0.50000000000000044, (float)0.86602540378443837);
-  cplx v399 = cmul(u322, v398);
-  cplx v400 = cadd(u321, v399);
-  cplx v401 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
-  cplx v402 = cmul(u323, v401);
-  cplx v403 = cadd(v400, v402);
+  cplx v399 = cmul(u326, v398);
+  cplx v400 = cadd(v397, v399);
+  cplx v401 = cmk((float)-0.50000000000000044, (float)0.86602540378443837);
+  cplx v402 = cmul(u325, v401);
+  cplx v403 = cadd(u324, v402);
+  cplx v404 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
+  cplx v405 = cmul(u326, v404);
+  cplx v406 = cadd(v403, v405);
   // the spectrum in its order, over the exchange's remains, then the split
   TG cplx* Z = (TG cplx*)v;
   __syncthreads();
-  Z[tid + 0] = v335;
-  Z[tid + 15] = v341;
-  Z[tid + 30] = v347;
-  Z[tid + 3] = v349;
-  Z[tid + 18] = v355;
-  Z[tid + 33] = v361;
-  Z[tid + 6] = v363;
-  Z[tid + 21] = v369;
-  Z[tid + 36] = v375;
-  Z[tid + 9] = v377;
-  Z[tid + 24] = v383;
-  Z[tid + 39] = v389;
-  Z[tid + 12] = v391;
-  Z[tid + 27] = v397;
-  Z[tid + 42] = v403;
+  Z[tid + 0] = v338;
+  Z[tid + 15] = v344;
+  Z[tid + 30] = v350;
+  Z[tid + 3] = v352;
+  Z[tid + 18] = v358;
+  Z[tid + 33] = v364;
+  Z[tid + 6] = v366;
+  Z[tid + 21] = v372;
+  Z[tid + 36] = v378;
+  Z[tid + 9] = v380;
+  Z[tid + 24] = v386;
+  Z[tid + 39] = v392;
+  Z[tid + 12] = v394;
+  Z[tid + 27] = v400;
+  Z[tid + 42] = v406;
   __syncthreads();
   if (row0 < nrows) {
-  int c404 = tid + 0;
-  {
-  cplx Zk = Z[SHP(c404)];
-  cplx Znk = (c404 == 0) ? Z[0] : Z[SHP(45 - c404)];
-  float ar = (float)0.5 * (Zk.x + Znk.x), ai = (float)0.5 * (Zk.y - Znk.y);
-  float br = (float)0.5 * (Zk.y + Znk.y), bi = (float)(-0.5) * (Zk.x - Znk.x);
-  out[row0 * 23 + c404] = __floats2half2_rn((float)(ar),(float)(ai));
-  if (row1 < nrows) {
-  out[row1 * 23 + c404] = __floats2half2_rn((float)(br),(float)(bi));
-  }
-  }
-  int c405 = tid + 3;
-  {
-  cplx Zk = Z[SHP(c405)];
-  cplx Znk = (c405 == 0) ? Z[0] : Z[SHP(45 - c405)];
-  float ar = (float)0.5 * (Zk.x + Znk.x), ai = (float)0.5 * (Zk.y - Znk.y);
-  float br = (float)0.5 * (Zk.y + Znk.y), bi = (float)(-0.5) * (Zk.x - Znk.x);
-  out[row0 * 23 + c405] = __floats2half2_rn((float)(ar),(float)(ai));
-  if (row1 < nrows) {
-  out[row1 * 23 + c405] = __floats2half2_rn((float)(br),(float)(bi));
-  }
-  }
-  int c406 = tid + 6;
-  {
-  cplx Zk = Z[SHP(c406)];
-  cplx Znk = (c406 == 0) ? Z[0] : Z[SHP(45 - c406)];
-  float ar = (float)0.5 * (Zk.x + Znk.x), ai = (float)0.5 * (Zk.y - Znk.y);
-  float br = (float)0.5 * (Zk.y + Znk.y), bi = (float)(-0.5) * (Zk.x - Znk.x);
-  out[row0 * 23 + c406] = __floats2half2_rn((float)(ar),(float)(ai));
-  if (row1 < nrows) {
-  out[row1 * 23 + c406] = __floats2half2_rn((float)(br),(float)(bi));
-  }
-  }
-  int c407 = tid + 9;
+  int c407 = tid + 0;
   {
   cplx Zk = Z[SHP(c407)];
   cplx Znk = (c407 == 0) ? Z[0] : Z[SHP(45 - c407)];
@@ -561,7 +530,7 @@ extern "C" __global__ void __launch_bounds__(63) kevra_rfft(const __half* __rest
   out[row1 * 23 + c407] = __floats2half2_rn((float)(br),(float)(bi));
   }
   }
-  int c408 = tid + 12;
+  int c408 = tid + 3;
   {
   cplx Zk = Z[SHP(c408)];
   cplx Znk = (c408 == 0) ? Z[0] : Z[SHP(45 - c408)];
@@ -572,7 +541,7 @@ extern "C" __global__ void __launch_bounds__(63) kevra_rfft(const __half* __rest
   out[row1 * 23 + c408] = __floats2half2_rn((float)(br),(float)(bi));
   }
   }
-  int c409 = tid + 15;
+  int c409 = tid + 6;
   {
   cplx Zk = Z[SHP(c409)];
   cplx Znk = (c409 == 0) ? Z[0] : Z[SHP(45 - c409)];
@@ -583,7 +552,7 @@ extern "C" __global__ void __launch_bounds__(63) kevra_rfft(const __half* __rest
   out[row1 * 23 + c409] = __floats2half2_rn((float)(br),(float)(bi));
   }
   }
-  int c410 = tid + 18;
+  int c410 = tid + 9;
   {
   cplx Zk = Z[SHP(c410)];
   cplx Znk = (c410 == 0) ? Z[0] : Z[SHP(45 - c410)];
@@ -594,8 +563,8 @@ extern "C" __global__ void __launch_bounds__(63) kevra_rfft(const __half* __rest
   out[row1 * 23 + c410] = __floats2half2_rn((float)(br),(float)(bi));
   }
   }
-  int c411 = tid + 21;
-  if (c411 <= 22) {
+  int c411 = tid + 12;
+  {
   cplx Zk = Z[SHP(c411)];
   cplx Znk = (c411 == 0) ? Z[0] : Z[SHP(45 - c411)];
   float ar = (float)0.5 * (Zk.x + Znk.x), ai = (float)0.5 * (Zk.y - Znk.y);
@@ -603,6 +572,39 @@ extern "C" __global__ void __launch_bounds__(63) kevra_rfft(const __half* __rest
   out[row0 * 23 + c411] = __floats2half2_rn((float)(ar),(float)(ai));
   if (row1 < nrows) {
   out[row1 * 23 + c411] = __floats2half2_rn((float)(br),(float)(bi));
+  }
+  }
+  int c412 = tid + 15;
+  {
+  cplx Zk = Z[SHP(c412)];
+  cplx Znk = (c412 == 0) ? Z[0] : Z[SHP(45 - c412)];
+  float ar = (float)0.5 * (Zk.x + Znk.x), ai = (float)0.5 * (Zk.y - Znk.y);
+  float br = (float)0.5 * (Zk.y + Znk.y), bi = (float)(-0.5) * (Zk.x - Znk.x);
+  out[row0 * 23 + c412] = __floats2half2_rn((float)(ar),(float)(ai));
+  if (row1 < nrows) {
+  out[row1 * 23 + c412] = __floats2half2_rn((float)(br),(float)(bi));
+  }
+  }
+  int c413 = tid + 18;
+  {
+  cplx Zk = Z[SHP(c413)];
+  cplx Znk = (c413 == 0) ? Z[0] : Z[SHP(45 - c413)];
+  float ar = (float)0.5 * (Zk.x + Znk.x), ai = (float)0.5 * (Zk.y - Znk.y);
+  float br = (float)0.5 * (Zk.y + Znk.y), bi = (float)(-0.5) * (Zk.x - Znk.x);
+  out[row0 * 23 + c413] = __floats2half2_rn((float)(ar),(float)(ai));
+  if (row1 < nrows) {
+  out[row1 * 23 + c413] = __floats2half2_rn((float)(br),(float)(bi));
+  }
+  }
+  int c414 = tid + 21;
+  if (c414 <= 22) {
+  cplx Zk = Z[SHP(c414)];
+  cplx Znk = (c414 == 0) ? Z[0] : Z[SHP(45 - c414)];
+  float ar = (float)0.5 * (Zk.x + Znk.x), ai = (float)0.5 * (Zk.y - Znk.y);
+  float br = (float)0.5 * (Zk.y + Znk.y), bi = (float)(-0.5) * (Zk.x - Znk.x);
+  out[row0 * 23 + c414] = __floats2half2_rn((float)(ar),(float)(ai));
+  if (row1 < nrows) {
+  out[row1 * 23 + c414] = __floats2half2_rn((float)(br),(float)(bi));
   }
   }
   }
