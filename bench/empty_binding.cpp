@@ -3,11 +3,18 @@
 #include <pybind11/pybind11.h>
 
 #include <cstdint>
+#include <string>
 
 PYBIND11_MODULE(_empty_binding, m) {
   m.def("rms_resident", [](uintptr_t, uintptr_t, int64_t, int64_t, int64_t, int64_t, int64_t, bool,
                            int, int, uintptr_t) {});
   m.def("fft_resident", [](uintptr_t, uintptr_t, int64_t, int64_t, bool, int, int, uintptr_t) {});
+  m.def("stft_resident",
+        [](uintptr_t, uintptr_t, int64_t, int64_t, int64_t, int64_t, bool, const std::string&,
+           double, const pybind11::object&, int, int, uintptr_t) {});
+  m.def("mel_resident",
+        [](uintptr_t, uintptr_t, int64_t, int64_t, const pybind11::object&, int64_t, int64_t, bool,
+           double, const std::string&, double, const pybind11::object&, int, int, uintptr_t) {});
   m.def("istft_resident",
         [](uintptr_t, uintptr_t, int64_t, int64_t, int64_t, int64_t, int64_t, int64_t, int64_t,
            int64_t, bool, int64_t, const pybind11::object&, int, int, uintptr_t) {});
