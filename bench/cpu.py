@@ -1,4 +1,4 @@
-"""FFT, complex and real, and RMS on the CPU device against scipy, numpy and, where installed, librosa and PyTorch.
+"""FFT, RMS and spectrograms on the CPU device against scipy, numpy and, where installed, librosa and PyTorch.
 
 The CPU device is a stand-in that runs GPU kernels on the processor: these figures tell what it costs to work without
 a GPU, and nothing about GPUs. `resident` works in device memory, `staged` takes and gives numpy arrays as its peers do.
@@ -20,6 +20,7 @@ def main() -> int:
     scripts = {
         "fft_host_cost": ["--rounds", "200"],
         "resident_host_cost": ["--rounds", "200"],
+        "spectrogram_host_cost": ["--rounds", "200"],
         "first_call": ["--warm", str(chosen.starts), "--cold", str(chosen.starts)],
     }
     everyone = functools.partial(contenders.on_the_cpu, threads=chosen.threads)

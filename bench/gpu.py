@@ -1,4 +1,4 @@
-"""FFT, complex and real, and RMS on a GPU against PyTorch and CuPy on the same GPU, where they are installed.
+"""FFT, RMS and spectrograms on a GPU against PyTorch, torchaudio and CuPy on the same GPU, where installed.
 
 Input and output lie in device memory, and events time what is queued. Measured is whatever HIP runtime is bound:
 the one that KEVRA_HIP_PATH names, else the CUDA device where there is an NVIDIA driver, else the system's HIP.
@@ -15,7 +15,8 @@ from peers import comparison, contenders
 def main() -> int:
     chosen = comparison.options(__doc__, {})
     # Before kevra binds its runtime: PyTorch may bring the HIP library that both have to share.
-    libraries, absent = contenders.find({"torch": "PyTorch", "cupy": "CuPy"}, needs_gpu=True)
+    peers = {"torch": "PyTorch", "torchaudio": "torchaudio", "cupy": "CuPy"}
+    libraries, absent = contenders.find(peers, needs_gpu=True)
     if not os.environ.get("KEVRA_HIP_PATH") and nvidia_driver():
         kevra.use_cuda_device()
     if not kevra.available():

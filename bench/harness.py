@@ -35,6 +35,11 @@ class Figure:
     def passed(self) -> bool:
         return self.value >= self.bar if self.at_least else self.value <= self.bar  # false for a NaN too
 
+    @property
+    def told(self) -> str:
+        bar = f"{'at least' if self.at_least else 'bar'} {self.bar:g} {self.unit}".rstrip()
+        return f"{f'{self.value:.3g} {self.unit}'.rstrip()}, {bar}: {'pass' if self.passed else 'MISSED'}"
+
 
 def options(description: str, more: dict[str, dict] | None = None, **counts: int) -> argparse.Namespace:
     """The command line: --json, --gpu, one option a count, its default given, and those of `more`, as argparse has
@@ -76,10 +81,7 @@ def report(chosen: argparse.Namespace, measured: str, figures: list[Figure], not
     for name, text in lines.items():
         print(f"{name:<{width}}  {text}")
     for figure in figures:
-        verdict = "pass" if figure.passed else "MISSED"
-        bar = f"{'at least' if figure.at_least else 'bar'} {figure.bar:g} {figure.unit}".rstrip()
-        value = f"{figure.value:.3g} {figure.unit}".rstrip()
-        print(f"{figure.name:<{width}}  {value}, {bar}: {verdict}")
+        print(f"{figure.name:<{width}}  {figure.told}")
     if chosen.json:
         record = {**lines, "figures": [{**asdict(figure), "passed": figure.passed} for figure in figures]}
         Path(chosen.json).write_text(json.dumps(record, indent=2) + "\n")

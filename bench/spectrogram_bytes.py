@@ -16,7 +16,8 @@ import kevra
 import numpy as np
 from kevra import _diagnostics
 
-TYPES = {"half": (0, np.float16, np.float32), "float": (1, np.float32, np.float32), "double": (2, np.float64, np.float64)}
+# Code of the precision, type of what is stored and of the arithmetic.
+TYPES = {"half": (0, np.float16, np.float32), "float": (1,) + 2 * (np.float32,), "double": (2,) + 2 * (np.float64,)}
 # Frame and hop: trees, shuffles, registers, mixed radices with even frames and with pairs of odd ones.
 FRAMES = [(64, 16), (128, 50), (512, 128), (1024, 256), (2048, 512), (4096, 1024), (400, 160), (960, 240), (441, 147)]
 OUTPUTS = {"stft": ["complex", "magnitude", "power", "db"], "mel": ["power", "db"]}
@@ -64,7 +65,7 @@ def measure_all(hip: harness.Hip, profile: Path) -> list[harness.Figure]:
             surplus[f"{operation} {name}, read"] += abs(moved[-1]["bytes_read"] - read)
             surplus[f"{operation} {name}, written"] += abs(moved[-1]["bytes_written"] - result)
             beyond[operation] += max(0, moved[-1]["touched_bytes"] - most)
-    figures = [harness.Figure(f"{name} off samples and tables, or output", v, "bytes", 0) for name, v in surplus.items()]
+    figures = [harness.Figure(f"{name} off what it must be", value, "bytes", 0) for name, value in surplus.items()]
     figures += [harness.Figure(f"{name}, touched beyond those", value, "bytes", 0) for name, value in beyond.items()]
     figures += [harness.Figure(f"{name}, scratch memory", value, "bytes", 0) for name, value in scratch.items()]
     return [*figures, harness.Figure("launches beyond one a call", launches, "", 0)]

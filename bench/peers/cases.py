@@ -5,6 +5,7 @@ from dataclasses import asdict, dataclass
 
 import numpy as np
 import scipy.fft
+from peers import spectrograms
 
 POWERS = [16, 32, 64, 128, 256, 512, 1024, 2048]
 AWKWARD = [100, 240, 360, 480, 600, 720, 960, 1000, 1200, 1536, 3125]
@@ -13,17 +14,21 @@ BATCHES = [1, 16, 256, 4096]
 SIGNALS = [(1, 16384), (1, 1440000), (16, 160000), (256, 16384)]  # (batch, samples)
 FRAMES = [(2048, 512), (400, 160)]  # (frame length, hop): of music at 44.1 kHz, of speech at 16 kHz
 TRANSFORMS = ["fft", "rfft", "irfft"]
+LOGMEL_BOUND = 1e-4  # of decibels: some thousandths, where others round the bank's corners
 EPS = {"float": 2.0**-23, "double": 2.0**-52}
 
 
 @dataclass(frozen=True)
 class Case:
-    operation: str  # fft: rows of n complex values; rfft and irfft: of n reals; rms: of n samples, frames centred
+    # fft: rows of n complex values; rfft and irfft: of n reals; rms and spectrograms: of n samples, frames centred
+    operation: str
     precision: str  # float or double
     n: int
     batch: int
     frame_length: int = 0
     hop: int = 0
+    rate: int = 0  # samples a second
+    bands: int = 0
 
     @property
     def real(self) -> np.dtype:
@@ -38,15 +43,20 @@ class Case:
         return self.n // self.hop + 1
 
     @property
-    def input(self) -> tuple[tuple[int, int], np.dtype]:
+    def input(self) -> tuple[tuple[int, ...], np.dtype]:
         """Shape and type of what is given."""
+        if self.operation == "istft":
+            return (self.batch, self.frames, self.frame_length // 2 + 1), self.complex
         if self.operation == "irfft":
             return (self.batch, self.n // 2 + 1), self.complex
         return (self.batch, self.n), self.complex if self.operation == "fft" else self.real
 
     @property
-    def output(self) -> tuple[tuple[int, int], np.dtype]:
+    def output(self) -> tuple[tuple[int, ...], np.dtype]:
         """Shape and type of the result."""
+        if self.operation in ("stft", "magnitude", "logmel"):
+            shape = (self.batch, spectrograms.output_columns(self), self.frames)
+            return shape, self.complex if self.operation == "stft" else self.real
         if self.operation == "rfft":
             return (self.batch, self.n // 2 + 1), self.complex
         if self.operation == "rms":
@@ -56,29 +66,37 @@ class Case:
     @property
     def bytes_moved(self) -> int:
         """The input once in and the result once out: what no kernel can do without."""
-        return sum(rows * columns * dtype.itemsize for (rows, columns), dtype in (self.input, self.output))
+        return sum(math.prod(shape) * dtype.itemsize for shape, dtype in (self.input, self.output))
 
     def record(self) -> dict:
         return {name: value for name, value in asdict(self).items() if value}
 
     def __str__(self) -> str:
-        frames = f", frame {self.frame_length}, hop {self.hop}" if self.operation == "rms" else ""
-        return f"{self.operation} of {self.batch} x {self.n} {self.precision}{frames}"
+        frames = f", frame {self.frame_length}, hop {self.hop}" if self.hop else ""
+        bands = f", {self.bands} bands" if self.bands else ""
+        return f"{self.operation} of {self.batch} x {self.n} {self.precision}{frames}{bands}"
 
 
-def grid(sizes: dict[str, list[int]], batches: list[int], signals: list[tuple[int, int]]) -> list[Case]:
-    """`sizes` has the lengths of each transform, and the frames' energy where that is measured."""
+def grid(sizes: dict[str, list[int]], batches: list[int], signals: list, recordings: list) -> list[Case]:
+    """`sizes` has the lengths of each transform; the frames' energy and spectrograms are measured where they stand in
+    it, spectrograms in float."""
     cases = []
     for precision in EPS:
         for operation in TRANSFORMS:
             cases += [Case(operation, precision, n, batch) for n in sizes.get(operation, []) for batch in batches]
         if "rms" in sizes:
             cases += [Case("rms", precision, n, batch, *frame) for batch, n in signals for frame in FRAMES]
+    for operation in spectrograms.OPERATIONS:
+        if operation in sizes:
+            cases += [Case(operation, "float", **fields) for fields in spectrograms.sizes(operation, recordings)]
     return cases
 
 
 def make_input(case: Case) -> np.ndarray:
     random = np.random.default_rng([case.n, case.batch])
+    if case.operation == "istft":
+        signal = random.standard_normal((case.batch, case.n), dtype=case.real)
+        return spectrograms.spectrum(case, signal, workers=-1)
     (rows, columns), dtype = case.input
     if dtype == case.real:
         return random.standard_normal((rows, columns), dtype=case.real)
@@ -92,6 +110,8 @@ def make_input(case: Case) -> np.ndarray:
 
 def exact(case: Case, x: np.ndarray) -> np.ndarray:
     """The result in double precision."""
+    if case.operation in spectrograms.OPERATIONS:
+        return spectrograms.exact(case, x)
     wide = x.astype(np.result_type(x.dtype, np.float64))
     return framed_rms(np, wide, case) if case.operation == "rms" else transformed(scipy.fft, wide, case, workers=-1)
 
@@ -113,8 +133,10 @@ def framed_rms(arrays, x, case: Case):
 
 def bound(case: Case) -> float:
     """Largest relative L2 error. A fast transform's grows with its depth; sums of a frame may be taken one by one."""
-    if case.operation in TRANSFORMS:
-        return 3 * EPS[case.precision] * math.sqrt(math.log2(case.n))
+    if case.operation in TRANSFORMS or case.operation in spectrograms.OPERATIONS:
+        if case.operation == "logmel":
+            return LOGMEL_BOUND
+        return 3 * EPS[case.precision] * math.sqrt(math.log2(case.frame_length or case.n))
     return EPS[case.precision] * math.sqrt(case.frame_length)
 
 

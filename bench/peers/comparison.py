@@ -10,15 +10,16 @@ import subprocess
 import sys
 import tempfile
 from argparse import Namespace
+from dataclasses import asdict
 from pathlib import Path
 
 import harness
 import kevra
-from peers import cases, output, timing
+from peers import cases, output, spectrograms, timing
 from peers.contenders import Resident
 
-OPERATIONS = [*cases.TRANSFORMS, "rms"]
-PACKAGES = ["numpy", "scipy", "librosa", "torch", "cupy"]
+OPERATIONS = [*cases.TRANSFORMS, "rms", *spectrograms.OPERATIONS]
+PACKAGES = ["numpy", "scipy", "librosa", "torch", "torchaudio", "cupy"]
 
 
 def options(description: str, counts: dict[str, int]) -> Namespace:
@@ -27,6 +28,11 @@ def options(description: str, counts: dict[str, int]) -> Namespace:
         "real-sizes": {"type": numbers, "default": cases.REAL, "help": "lengths of rfft and irfft"},
         "batches": {"type": numbers, "default": cases.BATCHES, "help": "rows of the transforms, as 1,256"},
         "signals": {"type": shapes, "default": cases.SIGNALS, "help": "batch and samples for rms, as 1x16384,4x9000"},
+        "recordings": {
+            "type": recordings,
+            "default": spectrograms.RECORDINGS,
+            "help": "kind, rows and seconds for spectrograms, as speech:16x30,music:1x10",
+        },
         "operations": {"choices": OPERATIONS, "nargs": "+", "default": OPERATIONS},
         "only-peers": {"action": "store_true", "help": "leave out host cost and first calls"},
         "folder": {"default": str(harness.HERE / "results"), "help": "where the JSON and the plot go"},
@@ -46,6 +52,13 @@ def shapes(text: str) -> list[tuple[int, int]]:
     return pairs
 
 
+def recordings(text: str) -> list[tuple[str, int, int]]:
+    kinds = [part.partition(":") for part in text.split(",")]
+    if any(kind not in spectrograms.FRAMES for kind, _, _ in kinds):
+        raise ValueError(text)
+    return [(kind, *pair) for kind, _, size in kinds for pair in shapes(size)]
+
+
 def compare(chosen: Namespace, target: str, contenders_of, libraries: dict, absent: dict, scripts: dict) -> int:
     """contenders_of(case, x, resident, libraries) gives who is timed; `scripts` are other benchmarks with their
     options, run at the end."""
@@ -53,9 +66,9 @@ def compare(chosen: Namespace, target: str, contenders_of, libraries: dict, abse
     hip, results = harness.Hip(), []
     with harness.cache_folder():
         record["copy_bytes_per_second"] = timing.copy_rate(hip, chosen.copy)
-        lengths = {"fft": chosen.sizes, "rfft": chosen.real_sizes, "irfft": chosen.real_sizes, "rms": []}
-        wanted = {operation: lengths[operation] for operation in chosen.operations}
-        grid = cases.grid(wanted, chosen.batches, chosen.signals)
+        lengths = {"fft": chosen.sizes, "rfft": chosen.real_sizes, "irfft": chosen.real_sizes}
+        wanted = {operation: lengths.get(operation, []) for operation in chosen.operations}
+        grid = cases.grid(wanted, chosen.batches, chosen.signals, chosen.recordings)
         for case in harness.progress(grid, "cases"):
             x = cases.make_input(case)
             with Resident(hip, case, x) as resident:
@@ -66,12 +79,29 @@ def compare(chosen: Namespace, target: str, contenders_of, libraries: dict, abse
         scripts = {}
     record["other_figures"] = {script: figures_of(script, arguments) for script, arguments in scripts.items()}
     record["load_at_end"] = os.getloadavg()[0]
+    figures = long_music_figures(results)
+    record["figures"] = [{**asdict(figure), "passed": figure.passed} for figure in figures]
     record["cases"] = results
     written = output.write(record, target, Path(chosen.folder))
-    output.show(record, written)
+    output.show(record, figures, written)
     if chosen.markdown:
         Path(chosen.markdown).write_text(output.markdown(results))
-    return 1 if any("refused" in result for result in results) else 0
+    met = all(figure.passed for figure in figures)
+    return 1 if not met or any("refused" in result for result in results) else 0
+
+
+def long_music_figures(results: list[dict]) -> list[harness.Figure]:
+    """Log-mel of five minutes of music against librosa's, array in and array out; nothing where it was not timed."""
+    kind, batch, seconds = spectrograms.LONG_MUSIC
+    rate = spectrograms.FRAMES[kind][0]
+    figures = []
+    for result in results:
+        long = (result["operation"], result["n"], result["batch"]) == ("logmel", rate * seconds, batch)
+        speed = result.get("speed_against", {}).get("kevra staged", {}).get("librosa")
+        if long and speed is not None:
+            name = f"log-mel of {seconds} s at {rate} Hz, staged, speed over librosa"
+            figures.append(harness.Figure(name, speed, "", 1.0, at_least=True))
+    return figures
 
 
 def measure(case: cases.Case, x, contenders: list, rounds: int, copied: float) -> dict:
@@ -134,5 +164,6 @@ def head(target: str, absent: dict, chosen: Namespace) -> dict:
         "revision": revision.stdout.strip(),
         "versions": versions,
         "left out": absent,
-        "measured": f"{chosen.rounds} rounds, alternating, median of each; ratios within a round, their median",
+        "measured": f"{chosen.rounds} rounds, of long cases fewer, alternating, median of each; ratios within a round, "
+        "their median",
     }

@@ -8,7 +8,7 @@ import harness
 import kevra
 import numpy as np
 import scipy.fft
-from peers import timing
+from peers import spectrograms, timing
 from peers.cases import Case, framed_rms, transformed
 
 PREC = {"float": 1, "double": 2}
@@ -32,7 +32,7 @@ def find(names: dict[str, str], needs_gpu: bool) -> tuple[dict, dict[str, str]]:
         except ImportError:
             absent[name] = "not installed, left out"
             continue
-        if needs_gpu and not library.cuda.is_available():
+        if needs_gpu and hasattr(library, "cuda") and not library.cuda.is_available():
             absent[name] = "sees no GPU, left out"
         else:
             found[module] = library
@@ -44,15 +44,18 @@ class Resident:
 
     def __init__(self, hip: harness.Hip, case: Case, x: np.ndarray):
         self.hip, self.case = hip, case
-        shape, dtype = case.output
-        self.answer = np.empty(shape, dtype)
+        self.answer = empty_answer(case)
         self.x, self.out = hip.upload(x), hip.malloc(self.answer.nbytes)
         precision = PREC[case.precision]
-        others = (False,) if case.operation == "fft" else ()
-        if case.operation == "rms":
-            others = (case.frames, case.frame_length, case.hop, True)
-        self.arguments = (self.x, self.out, case.batch, case.n, *others, precision, 0, 0)
-        self.function = getattr(kevra, f"{case.operation}_resident")
+        if case.operation in spectrograms.OPERATIONS:
+            name, self.arguments = spectrograms.resident_call(case, self.x, self.out, precision)
+        else:
+            others = (False,) if case.operation == "fft" else ()
+            if case.operation == "rms":
+                others = (case.frames, case.frame_length, case.hop, True)
+            name = f"{case.operation}_resident"
+            self.arguments = (self.x, self.out, case.batch, case.n, *others, precision, 0, 0)
+        self.function = getattr(kevra, name)
 
     def __enter__(self):
         return self
@@ -74,7 +77,18 @@ class Resident:
         return self.answer
 
 
+def empty_answer(case: Case) -> np.ndarray:
+    """In the order of kevra's memory, where a frame's bins or bands are adjacent."""
+    shape, dtype = case.output
+    if len(shape) == 2:
+        return np.empty(shape, dtype)
+    batch, columns, frames = shape
+    return np.empty((batch, frames, columns), dtype).swapaxes(1, 2)
+
+
 def on_the_cpu(case: Case, x: np.ndarray, resident: Resident, libraries: dict, threads: int) -> list[Contender]:
+    if case.operation in spectrograms.OPERATIONS:
+        return spectrograms_on_the_cpu(case, x, resident, libraries, threads)
     others = {"fft": (False,), "irfft": (case.n,), "rms": (case.frame_length, case.hop, True)}.get(case.operation, ())
     function = getattr(kevra, f"{case.operation}_staged")
     staged = Contender("kevra staged", lambda: function(x, *others), ours=True)
@@ -94,6 +108,20 @@ def on_the_cpu(case: Case, x: np.ndarray, resident: Resident, libraries: dict, t
     return [Contender("kevra resident", resident.run, resident.result, ours=True), staged, *peers]
 
 
+def spectrograms_on_the_cpu(case: Case, x, resident: Resident, libraries: dict, threads: int) -> list[Contender]:
+    contenders = [
+        Contender("kevra resident", resident.run, resident.result, ours=True),
+        Contender("kevra staged", spectrograms.staged_call(case, x), ours=True),
+        Contender("scipy all", lambda: spectrograms.computed(case, x, threads)),
+    ]
+    if "librosa" in libraries:
+        contenders.append(Contender("librosa", spectrograms.librosa_call(libraries["librosa"], case, x)))
+    if "torch" in libraries:
+        libraries["torch"].set_num_threads(threads)
+        contenders.append(in_torch(libraries["torch"], case, x, "cpu", timing.wall_clock))
+    return contenders
+
+
 def librosa_rms(librosa, case: Case, x: np.ndarray) -> Contender:
     options = {"frame_length": case.frame_length, "hop_length": case.hop, "pad_mode": "reflect", "dtype": case.real}
     return Contender("librosa", lambda: librosa.feature.rms(y=x, **options), lambda answer: answer[:, 0, :])
@@ -107,7 +135,10 @@ def in_torch(torch, case: Case, x: np.ndarray, place: str, clock: timing.Clock) 
         padded = torch.nn.functional.pad(there, (pad, pad), mode="reflect")
         return padded.unfold(-1, case.frame_length, case.hop).square().mean(-1).sqrt()
 
-    call = rms if case.operation == "rms" else (lambda: transformed(torch.fft, there, case))
+    if case.operation in spectrograms.OPERATIONS:
+        call = spectrograms.torch_call(torch, case, there)
+    else:
+        call = rms if case.operation == "rms" else (lambda: transformed(torch.fft, there, case))
     return Contender("torch", call, lambda answer: answer.cpu().numpy(), clock)
 
 
@@ -118,7 +149,11 @@ def on_the_gpu(case: Case, x: np.ndarray, resident: Resident, libraries: dict) -
     if "torch" in libraries:
         torch = libraries["torch"]
         contenders.append(in_torch(torch, case, x, "cuda", timing.torch_clock(torch)))
-    if "cupy" in libraries:
+        if case.operation == "logmel" and "torchaudio" in libraries:
+            call = spectrograms.torchaudio_call(libraries["torchaudio"], case, torch.from_numpy(x).to("cuda"))
+            clock_of_torch = timing.torch_clock(torch)
+            contenders.append(Contender("torchaudio", call, lambda answer: answer.cpu().numpy(), clock_of_torch))
+    if "cupy" in libraries and case.operation not in spectrograms.OPERATIONS:
         cupy = libraries["cupy"]
         there = cupy.asarray(x)
 

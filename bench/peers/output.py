@@ -49,14 +49,14 @@ def against_fastest(result: dict, own: str) -> float:
     return min(result["speed_against"][own].values())
 
 
-def show(record: dict, written: list[Path]) -> None:
+def show(record: dict, figures: list[harness.Figure], written: list[Path]) -> None:
     for name in ("command", "machine", "device", "measured"):
         print(f"{name:<16}  {record[name]}")
     for name, reason in record["left out"].items():
         print(f"{name:<16}  {reason}")
     print(f"{'device copy':<16}  {record['copy_bytes_per_second'] * 1e-9:.1f} GB/s, read and written bytes together")
-    for script, figures in record["other_figures"].items():
-        print(f"{script:<16}  {', '.join(f'{name} {value}' for name, value in figures.items())}")
+    for script, others in record["other_figures"].items():
+        print(f"{script:<16}  {', '.join(f'{name} {value}' for name, value in others.items())}")
     for operation in dict.fromkeys(result["operation"] for result in record["cases"]):
         rows = [result for result in record["cases"] if result["operation"] == operation]
         if rows:
@@ -65,6 +65,8 @@ def show(record: dict, written: list[Path]) -> None:
     for result in record["cases"]:
         if "refused" in result:
             print(f"DISAGREES  {result['refused']}")
+    for figure in figures:
+        print(f"\n{figure.name}  {figure.told}")
     print("\nwritten:", *written)
 
 
@@ -83,7 +85,8 @@ def table(results: list[dict]) -> list[list[str]]:
 
 def label(result: dict) -> str:
     frame = f" frame {result['frame_length']} hop {result['hop']}" if "hop" in result else ""
-    return f"{result['batch']} x {result['n']} {result['precision']}{frame}"
+    bands = f" bands {result['bands']}" if "bands" in result else ""
+    return f"{result['batch']} x {result['n']} {result['precision']}{frame}{bands}"
 
 
 def print_aligned(lines: list[list[str]]) -> None:
@@ -93,10 +96,10 @@ def print_aligned(lines: list[list[str]]) -> None:
 
 
 def markdown(results: list[dict]) -> str:
-    """One table for each transform and precision, rows n and columns batches, and one of the frames' energy."""
+    """One table for each transform and precision, rows n and columns batches, and one for each operation on frames."""
     lines = []
     timed = compared(results)
-    for kind in dict.fromkeys((r["operation"], r["precision"]) for r in timed if r["operation"] != "rms"):
+    for kind in dict.fromkeys((r["operation"], r["precision"]) for r in timed if "hop" not in r):
         own = {(r["n"], r["batch"]): r for r in timed if (r["operation"], r["precision"]) == kind}
         batches = sorted({batch for _, batch in own})
         lines += ["", f"| {' '.join(kind)}, n | " + " | ".join(f"batch {batch}" for batch in batches) + " |"]
@@ -104,10 +107,11 @@ def markdown(results: list[dict]) -> str:
         for n in dict.fromkeys(n for n, _ in own):
             cells = [speeds(own[n, batch]) if (n, batch) in own else "" for batch in batches]
             lines.append(f"| {n} | " + " | ".join(cells) + " |")
-    energy = table([r for r in timed if r["operation"] == "rms"])
-    if len(energy) > 1:
-        lines += ["", "| " + " | ".join(energy[0]) + " |", "|---|" + "---:|" * (len(energy[0]) - 1)]
-        lines += ["| " + " | ".join(row) + " |" for row in energy[1:]]
+    for operation in dict.fromkeys(r["operation"] for r in timed if "hop" in r):
+        head, *rows = table([r for r in timed if r["operation"] == operation])
+        head[0] = f"{operation}, {head[0]}"
+        lines += ["", "| " + " | ".join(head) + " |", "|---|" + "---:|" * (len(head) - 1)]
+        lines += ["| " + " | ".join(row) + " |" for row in rows]
     return "\n".join(lines[1:]) + "\n"
 
 

@@ -14,6 +14,12 @@ Clock = Callable[[Callable[[], object], int], tuple[float, float]]
 LEAST = 1e-3  # seconds a timing lasts at least, so that reading the clock and the first call's cold caches fade
 MOST_CALLS = 1000
 
+# Calls this long wake every thread and pass over every cache themselves, and take fewer rounds: as many as fit into
+# a case's time, but not below the least.
+LONG_CALL = 0.2  # seconds
+LONG_CASE = 6.0
+LEAST_ROUNDS = 3
+
 # Seconds before each timing. Thread pools look out for more work for a while after a call, some for milliseconds:
 # without the pause the CPU device's 256 float rows of 512 took three times as long behind PyTorch as they do alone.
 REST = 10e-3
@@ -66,18 +72,23 @@ def cupy_clock(cupy) -> Clock:
 
 def alternate(contenders, rounds: int) -> dict[str, list[tuple[float, float]]]:
     """Times everybody once a round, so that a disturbance or a change of clock rate meets all of them."""
-    calls = {}
-    for contender in contenders:
-        contender.clock(contender.call, 1)
-        seconds, host = contender.clock(contender.call, 1)
-        calls[contender.name] = max(1, min(MOST_CALLS, round(LEAST / max(seconds, host))))
+    lasts = {contender.name: settled(contender) for contender in contenders}
+    rounds = min(rounds, max(LEAST_ROUNDS, int(LONG_CASE / sum(lasts.values()))))
+    calls = {name: max(1, min(MOST_CALLS, round(LEAST / last))) for name, last in lasts.items()}
     taken = {contender.name: [] for contender in contenders}
     for _ in range(rounds):
         for contender in contenders:
             time.sleep(REST)
-            contender.call()  # wakes threads, fetches what the others' data displaced
+            if lasts[contender.name] < LONG_CALL:
+                contender.call()  # wakes threads, fetches what the others' data displaced
             taken[contender.name].append(contender.clock(contender.call, calls[contender.name]))
     return taken
+
+
+def settled(contender) -> float:
+    """Seconds of a call that is not the first."""
+    last = max(contender.clock(contender.call, 1))
+    return last if last >= LONG_CALL else max(contender.clock(contender.call, 1))
 
 
 def copy_rate(hip: harness.Hip, mebibytes: int) -> float:

@@ -9,7 +9,8 @@ import pytest
 
 BENCH = Path(__file__).parents[2] / "bench"
 TINY = ["--sizes", "16,100", "--real-sizes", "21,30", "--batches", "3", "--signals", "2x4096", "--rounds", "2",
-        "--copy", "1"]
+        "--copy", "1", "--recordings", "speech:2x1,music:1x1"]
+SPECTROGRAMS = {"stft": 2, "magnitude": 2, "istft": 2, "logmel": 3}  # cases of those recordings
 ABSENT = "raise ImportError"
 BLIND = "class cuda: is_available = staticmethod(lambda: False)"
 # Off by 1e-4 where 5e-6 are allowed: what rounding to half precision somewhere would give.
@@ -48,9 +49,11 @@ def test_cpu_times_everybody_and_leaves_out_absent_peers(bench, tmp_path):
     assert child.returncode == 0, child.stdout + child.stderr
     assert record["left out"] == {"librosa": "not installed, left out", "PyTorch": "not installed, left out"}
     assert files == {".json", ".svg"}
-    assert len(record["cases"]) == 2 * (2 + 4 + 2)
+    assert len(record["cases"]) == 2 * (2 + 4 + 2) + sum(SPECTROGRAMS.values())
     for case in record["cases"]:
         peers = {"numpy"} | ({"scipy 1", "scipy all"} if case["operation"] != "rms" else set())
+        if case["operation"] in SPECTROGRAMS:
+            peers = {"scipy all"}
         assert set(case["times"]) == {"kevra resident", "kevra staged"} | peers
         assert all(0 < t["least_us"] <= t["median_us"] <= t["most_us"] for t in case["times"].values())
         assert set(case["speed_against"]) == {"kevra resident", "kevra staged"}
@@ -59,11 +62,12 @@ def test_cpu_times_everybody_and_leaves_out_absent_peers(bench, tmp_path):
                 own_times, times = case["times"][own], case["times"][peer]
                 assert 0.99 * times["least_us"] / own_times["most_us"] <= speed
                 assert speed <= 1.01 * times["most_us"] / own_times["least_us"]
-    assert "| irfft double, n | batch 3 |" in (tmp_path / "table.md").read_text()
+    table = (tmp_path / "table.md").read_text()
+    assert "| irfft double, n | batch 3 |" in table and "| logmel, batch x n |" in table
 
 
 def test_a_wrong_peer_is_not_timed_and_the_others_are(bench):
-    child, record, _ = bench("cpu", {"librosa": WRONG, "torch": ABSENT}, "--only-peers")
+    child, record, _ = bench("cpu", {"librosa": WRONG, "torch": ABSENT}, "--only-peers", "--operations", "fft", "rms")
     assert child.returncode == 1
     assert child.stdout.count("DISAGREES  rms of 2 x 4096") == 4
     for case in record["cases"]:
@@ -74,9 +78,10 @@ def test_a_wrong_peer_is_not_timed_and_the_others_are(bench):
 
 def test_gpu_runs_on_whatever_is_bound_without_peers(bench):
     """The CPU device stands in for the GPU, as KEVRA_HIP_PATH says."""
-    child, record, files = bench("gpu", {"torch": BLIND, "cupy": ABSENT}, "--starts", "1")
+    child, record, files = bench("gpu", {"torch": BLIND, "torchaudio": ABSENT, "cupy": ABSENT}, "--starts", "1")
     assert child.returncode == 0, child.stdout + child.stderr
-    assert record["left out"] == {"PyTorch": "sees no GPU, left out", "CuPy": "not installed, left out"}
+    assert record["left out"] == {"PyTorch": "sees no GPU, left out", "torchaudio": "not installed, left out",
+                                  "CuPy": "not installed, left out"}
     assert files == {".json"}
     assert record["other_figures"]["first_call"]["warm cache"].endswith(" ms")
     for case in record["cases"]:
@@ -85,12 +90,14 @@ def test_gpu_runs_on_whatever_is_bound_without_peers(bench):
 
 
 @pytest.mark.parametrize("precision", ["float", "double"])
-@pytest.mark.parametrize("operation", ["fft", "rfft", "irfft", "rms"])
+@pytest.mark.parametrize("operation", ["fft", "rfft", "irfft", "rms", *SPECTROGRAMS])
 def test_agreement_is_refused_beyond_its_bound(monkeypatch, operation, precision):
     monkeypatch.syspath_prepend(BENCH)
     from peers import cases
 
-    case = cases.Case(operation, precision, 1024, 4, *((256, 64) if operation == "rms" else ()))
+    frame = {"frame_length": 256, "hop": 64} if operation in ("rms", *SPECTROGRAMS) else {}
+    bank = {"rate": 16000, "bands": 40} if operation == "logmel" else {}
+    case = cases.Case(operation, precision, 1024, 4, **frame, **bank)
     wanted = cases.exact(case, cases.make_input(case))
     right = wanted.astype(case.output[1])
     assert cases.disagreement(case, "peer", right, wanted) is None
