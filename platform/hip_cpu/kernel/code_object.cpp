@@ -34,12 +34,20 @@ void* load_library(const std::vector<std::byte>& elf) {
   return dlopen(unique_path(file.descriptor()).c_str(), RTLD_NOW | RTLD_LOCAL);
 }
 
+const kevra_cpu_device::LaneEntry* lane_entry(const kevra_cpu_device::KernelTable& table,
+                                              const char* name) {
+  for (const auto* entry = table.lanes_begin; entry != table.lanes_end; ++entry)
+    if (std::strcmp(entry->name, name) == 0) return entry;
+  return nullptr;
+}
+
 }  // namespace
 
 CodeObject::CodeObject(std::vector<std::byte> elf, const kevra_cpu_device::KernelTable& table)
-    : elf_(std::move(elf)) {
+    : elf_(std::move(elf)), lane_hooks_(table.lane_hooks) {
   for (const auto* entry = table.begin; entry != table.end; ++entry)
-    kernels_.emplace_back(entry, this);
+    kernels_.emplace_back(entry, lane_entry(table, entry->name), this);
+  if (lane_hooks_ != nullptr) *lane_hooks_ = kevra_cpu::lane_hooks();
   if (table.hooks != nullptr) *table.hooks = check_hooks();
 }
 
