@@ -171,7 +171,9 @@ kevra_platform::Compiled kevra_platform::compile_kernels(const KernelSource& sou
   if (settings().debug && !lanes.refusal().empty())
     std::fprintf(stderr, "kevra CPU device: %s runs block by block, not in lanes: %s\n",
                  source.name.c_str(), lanes.refusal().c_str());
-  const ProgramResult linked = run_program(link_command(objects, library));
+  ProgramResult linked = run_program(link_command(objects, library));
+  if (linked.status != 0 && objects.size() > 1)
+    linked = run_program(link_command({object}, library));
   std::vector<std::byte> image = make_image(read_file(library), code_object_tag());
   if (linked.status != 0 || image.empty())
     return {{}, compiled.output + "The kernel compiled but could not be linked:\n" + linked.output};

@@ -228,9 +228,29 @@ class LaneRewriter {
 
   void initialiser(const Declarator& d, const std::string& type) {
     if (d.array || d.equals == 0) return;
-    const char* keep = assigned(d) ? "lane_variable<" : "lane_cast<";
+    const std::string keep = assigned(d) ? "lane_variable<" : "lane_cast<";
     text_.replace(d.equals, d.equals, "= " + device + keep + type + ">(");
+    least(d);
     text_.insert_behind(d.last, ")");
+  }
+
+  // `a < b ? a : b` as the whole initialiser: lanes on both sides of the bound may have a result of
+  // equal distance all the same, as where the last row bounds the rows.
+  void least(const Declarator& d) {
+    size_t less = 0, question = 0, colon = 0;
+    for (size_t i = d.equals + 1; i <= d.last; ++i) {
+      if (text_.is(i, "(") || text_.is(i, "[")) i = text_.closing(i);
+      if (text_.is(i, "<") && less == 0) less = i;
+      if (text_.is(i, "?")) question = i;
+      if (text_.is(i, ":")) colon = i;
+    }
+    if (less == 0 || question < less || colon < question || text_.is(less + 1, "=") ||
+        text_.words(d.equals + 1, less) != text_.words(question + 1, colon) ||
+        text_.words(less + 1, question) != text_.words(colon + 1, d.last + 1))
+      return;
+    text_.insert_behind(d.equals, " " + device + "least(");
+    text_.replace(less, less, ",");
+    text_.replace(question, d.last, ")");
   }
 
   // Whether the variable gets another value, or its address is taken, behind its declaration.

@@ -3,6 +3,8 @@
 #include <dlfcn.h>
 
 #include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 
@@ -57,6 +59,44 @@ Kernel* CodeObject::find(const char* name) {
   return nullptr;
 }
 
+namespace {
+
+// Code objects stay until the process ends, and reachable for whoever looks for leaks.
+struct LoadedObjects {
+  std::mutex mutex;
+  std::deque<CodeObject> objects;
+
+  static LoadedObjects& all() {
+    static auto& loaded = *new LoadedObjects;
+    return loaded;
+  }
+};
+
+// What KEVRA_DEBUG tells when the process ends, a line for each kernel that ran.
+void report_lanes() {
+  LoadedObjects& loaded = LoadedObjects::all();
+  const std::lock_guard lock(loaded.mutex);
+  for (const CodeObject& object : loaded.objects) object.report_lanes();
+}
+
+}  // namespace
+
+void CodeObject::report_lanes() const {
+  for (const Kernel& kernel : kernels_) {
+    const LaneRecord& record = kernel.lane_record();
+    const auto count = [](const std::atomic<uint64_t>& n) { return (unsigned long long)n.load(); };
+    if (record.groups == 0 && record.blocks == 0) continue;
+    std::fprintf(stderr,
+                 "kevra CPU device: kernel '%s': %llu groups of %u blocks in lanes, %llu of them "
+                 "diverged, %llu blocks alone%s%s\n",
+                 kernel.entry().name, count(record.groups),
+                 kernel.lane_entry() != nullptr ? kernel.lane_entry()->lanes : 0,
+                 count(record.diverged), count(record.blocks),
+                 kernel.lane_entry() == nullptr ? ", no lane form" : "",
+                 lane_hooks_ != nullptr && lane_hooks_->log != 0 ? ", stores logged" : "");
+  }
+}
+
 int load_code_object(const void* image, CodeObject** out) {
   std::vector<std::byte> elf;
   if (const int code = kevra_platform::open_image(image, code_object_tag(), &elf)) return code;
@@ -65,13 +105,12 @@ int load_code_object(const void* image, CodeObject** out) {
   const void* table = dlsym(library, "kevra_kernel_table");
   if (table == nullptr) return kevra_platform::invalid_image;
 
-  // Code objects stay until the process ends, and reachable for whoever looks for leaks.
-  static std::mutex mutex;
-  static auto* const loaded = new std::deque<CodeObject>;
-  const std::lock_guard lock(mutex);
+  LoadedObjects& loaded = LoadedObjects::all();
+  const std::lock_guard lock(loaded.mutex);
+  if (settings().debug && loaded.objects.empty()) std::atexit(report_lanes);
   if (!settings().check) elf.clear();
-  *out = &loaded->emplace_back(std::move(elf),
-                               *static_cast<const kevra_cpu_device::KernelTable*>(table));
+  *out = &loaded.objects.emplace_back(std::move(elf),
+                                      *static_cast<const kevra_cpu_device::KernelTable*>(table));
   return 0;
 }
 

@@ -36,6 +36,8 @@ class CodeObject {
 
   Kernel* find(const char* name);
   const std::vector<std::byte>& elf() const { return elf_; }  // kept in check mode only
+  // A line on stderr for each kernel that ran: how many groups of blocks in lanes, how many alone.
+  void report_lanes() const;
   kevra_cpu_device::LaneHooks* lane_hooks() const { return lane_hooks_; }
 
  private:

@@ -51,6 +51,8 @@ int run_launch(const Launch& launch, std::string& report) {
   const std::vector<uint32_t> order = run_order(static_cast<uint32_t>(lanes.pieces()), 0);
   const auto run = [&](uint64_t piece, std::string& fault) {
     if (lanes.in_lanes()) return lanes.run(piece, fault);
+    if (settings().debug)
+      launch.kernel->lane_record().blocks.fetch_add(1, std::memory_order_relaxed);
     const Dim3 index = index_of(order.empty() ? piece : order[piece], launch.grid);
     return BlockRunner::of_this_thread().run(launch, index, fault);
   };

@@ -180,6 +180,17 @@ KEVRA_AFFINE_COMPARISON(<=)
 KEVRA_AFFINE_COMPARISON(>=)
 
 template <typename A, typename B>
+static inline auto least(const A& a, const B& b) {
+  if constexpr (Indices<A, B>) {
+    using T = Common<A, B>;
+    const Affine<T> x = affine<T>(a), y = affine<T>(b);
+    return agreed(x.first <= y.first, x.last() <= y.last()) ? x : y;
+  } else {
+    return a < b ? a : b;
+  }
+}
+
+template <typename A, typename B>
   requires Indices<A, B>
 static inline bool operator!=(const A& a, const B& b) {
   using T = Common<A, B>;
