@@ -91,7 +91,7 @@ class LaneRewriter {
     if (!text_.is(close + 1, "{")) return at;
     const size_t end = text_.closing(close + 1);
     const std::string result = nothing ? std::string() : text_.words(type, name);
-    text_.replace(at, name - 1, "static inline __attribute__((always_inline)) auto");
+    text_.replace(at, name - 1, "static inline auto");
     text_.insert_behind(close + 1, wrap_parameters(open, close));
     in_kernel_ = false;
     body(close + 2, end, result);

@@ -121,13 +121,22 @@ struct LaneCast {
 };
 
 template <typename T, typename U>
-static inline __attribute__((always_inline)) auto lane_cast(const U& x) {
+static inline auto lane_cast(const U& x) {
   return LaneCast<T>::of(x);
+}
+
+template <typename T, typename U>
+static inline auto lane_cast(Lanes<U> (&x)[]) {
+  return LaneCast<T>::of(&x[0]);
+}
+template <typename T, typename U, int count>
+static inline auto lane_cast(Lanes<U> (&x)[count]) {
+  return LaneCast<T>::of(&x[0]);
 }
 
 // The value of a variable that gets others later.
 template <typename T, typename U>
-static inline __attribute__((always_inline)) auto lane_variable(const U& x) {
+static inline auto lane_variable(const U& x) {
   using To = typename Plain<T>::type;
   if constexpr (__is_integral(To) || __is_pointer(To)) {
     return LaneCast<T>::of(x);
@@ -163,6 +172,10 @@ static inline kevra_cpu_device::Lanes<__half2> __floats2half2_rn(
   return {kevra_cpu_device::Lanes<__half>(x), kevra_cpu_device::Lanes<__half>(y)};
 }
 static inline kevra_cpu_device::Lanes<__half> __float2half(
+    const kevra_cpu_device::Lanes<float>& x) {
+  return kevra_cpu_device::Lanes<__half>(x);
+}
+static inline kevra_cpu_device::Lanes<__half> __float2half_rn(
     const kevra_cpu_device::Lanes<float>& x) {
   return kevra_cpu_device::Lanes<__half>(x);
 }
