@@ -201,10 +201,10 @@ constexpr long long ahead_bytes = 1 << 16;
 
 template <int bytes>
 static inline void fetch_ahead(const char* first, long long step) {
-  if (step * lanes > ahead_bytes) return;
-  const auto in_line = reinterpret_cast<unsigned long long>(first) / 8 % lanes;
+  const long long group = step * lanes, ahead = group > ahead_bytes ? 0 : group;
+  const auto in_line = reinterpret_cast<unsigned long long>(first) / 8;
   for (int i = 0; i < (bytes + 7) / 8; ++i)
-    __builtin_prefetch(first + (long long)(lanes + (in_line + i) % lanes) * step, 0, 2);
+    __builtin_prefetch(first + ahead + (long long)((in_line + i) % lanes) * step, 0, 2);
 }
 
 template <typename T>
