@@ -61,6 +61,7 @@ class BlockRunner {
   bool finish_threads(std::string& report);
   void resume(unsigned thread);
   void resume_where(bool shuffles_only);
+  void resume_all();
   bool all_at_one_place() const;
   bool groups_agree(std::string& report) const;
   std::string describe(unsigned thread) const;
