@@ -181,7 +181,8 @@ TEST(Lanes, AreOffByTheSwitchAndInModesOfSingleBlocks) {
   if (std::getenv("KEVRA_TEST_CHILD")) return run_parting_kernels();
   for (const char* name : {"KEVRA_CPU_LANES=0", "KEVRA_CPU_CHECK=1", "KEVRA_CPU_ORDER=shuffle:3"}) {
     const std::string text = name;
-    const std::string variable = text.substr(0, text.find('=')), value = text.substr(text.find('=') + 1);
+    const std::string variable = text.substr(0, text.find('=')),
+                      value = text.substr(text.find('=') + 1);
     std::string output;
     in_child_with({{"KEVRA_DEBUG", "1"}, {variable.c_str(), value.c_str()}}, &output);
     EXPECT_EQ(fate_of(output, "never").groups, 0U) << name << "\n" << output;
@@ -212,8 +213,8 @@ extern "C" __global__ void odd(int* out) {
 // Rows of every element type into lanes and back, turned around: each lane has a row of its own.
 TEST(Lanes, EveryElementTypeMovesThroughThem) {
   std::string output;
-  const std::vector<const char*> names = {"float", "float2", "float4", "double", "double2",
-                                          "__half", "__half2", "int"};
+  const std::vector<const char*> names = {"float",   "float2", "float4",  "double",
+                                          "double2", "__half", "__half2", "int"};
   if (!in_child_with(told, &output)) {
     for (const char* name : names)
       EXPECT_GT(fate_of(output, std::string("turn_") + name).groups, 0U) << name << "\n" << output;
@@ -222,18 +223,19 @@ TEST(Lanes, EveryElementTypeMovesThroughThem) {
   for (const std::string name : names) {
     const std::string text = "extern \"C\" __global__ void turn_" + name + "(const " + name +
                              "* __restrict__ x, " + name + R"(* __restrict__ out) {
-  extern __shared__ )" + name + R"( cells[];
+  extern __shared__ )" + name +
+                             R"( cells[];
   )" + name + R"( value = x[(long long)blockIdx.x * 32 + threadIdx.x];
   cells[threadIdx.x] = value;
   __syncthreads();
   out[(long long)blockIdx.x * 32 + threadIdx.x] = cells[31 - threadIdx.x];
 })";
     const Kernels kernels(text.c_str());
-    const unsigned words = name == "__half"                        ? 1
-                           : name == "__half2" || name == "float"  ? 2
-                           : name == "int"                         ? 2
-                           : name == "float2" || name == "double"  ? 4
-                                                                   : 8;
+    const unsigned words = name == "__half"                       ? 1
+                           : name == "__half2" || name == "float" ? 2
+                           : name == "int"                        ? 2
+                           : name == "float2" || name == "double" ? 4
+                                                                  : 8;
     Buffer<uint16_t> x(count * words), out(count * words);
     for (unsigned i = 0; i < x.values.size(); ++i) x.values[i] = uint16_t(i % 30000);
     x.upload();

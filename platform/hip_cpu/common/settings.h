@@ -21,7 +21,7 @@ struct Settings {
   bool lanes = true;  // LANES: kernels may run in SIMD lanes; never in check mode or another order
   bool null_launches = false;  // NULL: launches are accepted and do nothing
   bool check = false;          // CHECK: check mode
-  bool debug = false;  // KEVRA_DEBUG above 0: which kernels run in lanes, and how they fare
+  bool debug = false;          // KEVRA_DEBUG above 0: which kernels run in lanes, and how they fare
   std::string profile;         // PROFILE: file that check mode appends to; empty: none
 };
 

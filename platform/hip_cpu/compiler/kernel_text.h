@@ -27,9 +27,7 @@ class KernelText {
   bool is(size_t i, std::string_view text) const {
     return i < tokens_.size() && tokens_[i].text == text;
   }
-  bool is_word(size_t i) const {
-    return i < tokens_.size() && tokens_[i].kind == TokenKind::word;
-  }
+  bool is_word(size_t i) const { return i < tokens_.size() && tokens_[i].kind == TokenKind::word; }
   // Whether token `i` follows the one before it with nothing between.
   bool adjoins(size_t i) const { return i > 0 && tokens_[i].offset == end_of(i - 1); }
 

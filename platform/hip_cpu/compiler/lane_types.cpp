@@ -3,11 +3,10 @@
 namespace kevra_cpu {
 
 LaneTypes::LaneTypes(const KernelText& text) : text_(text) {
-  types_ = {"float",      "double",     "int",        "unsigned", "signed", "long",   "short",
-            "char",       "bool",       "half",       "__half",   "half2",  "__half2"};
-  for (const char* name :
-       {"float2", "float3", "float4", "double2", "double3", "double4", "int2", "int3", "int4",
-        "uint2", "uint3", "uint4", "longlong2", "ulonglong2"})
+  types_ = {"float", "double", "int",  "unsigned", "signed", "long",   "short",
+            "char",  "bool",   "half", "__half",   "half2",  "__half2"};
+  for (const char* name : {"float2", "float3", "float4", "double2", "double3", "double4", "int2",
+                           "int3", "int4", "uint2", "uint3", "uint4", "longlong2", "ulonglong2"})
     types_.insert(name);
   qualifiers_ = {"const", "__restrict__", "__restrict"};
   for (size_t i = 0; i < text.size(); ++i) {

@@ -25,7 +25,8 @@ class LaneRewriter {
         if (!text_.kernel_at(i, place) || !place.has_body()) return {};
         if (place.waits) kernel(place);
         // Threads without waits run in a loop that the compiler makes vectors of by itself.
-        else text_.replace(place.first, place.end, "");
+        else
+          text_.replace(place.first, place.end, "");
         waits |= place.waits;
         i = place.end;
       } else if (text_.is(i, "__device__")) {
@@ -42,8 +43,8 @@ class LaneRewriter {
     for (size_t i = 0; i < text_.size(); ++i) {
       const std::string_view word = text_.token(i).text;
       if (!text_.is_word(i)) continue;
-      if (word.starts_with("atomic") || word == "__shfl_xor" ||
-          word == "template" || (word == "include" && text_.is(i - 1, "#")))
+      if (word.starts_with("atomic") || word == "__shfl_xor" || word == "template" ||
+          (word == "include" && text_.is(i - 1, "#")))
         return "its text has '" + std::string(word) + "'";
     }
     return {};
@@ -107,8 +108,8 @@ class LaneRewriter {
         text_.replace(begin, name, "auto& " + word);
       } else {
         text_.replace(begin, name, "auto kevra_p_" + word);
-        wrapped += " auto " + word + " = " + device + "lane_variable<" +
-                   text_.words(begin, name) + ">(kevra_p_" + word + ");";
+        wrapped += " auto " + word + " = " + device + "lane_variable<" + text_.words(begin, name) +
+                   ">(kevra_p_" + word + ");";
       }
       begin = name + 2;
     }
@@ -291,8 +292,8 @@ class LaneRewriter {
   LaneTypes types_;
   size_t body_begin_ = 0, body_end_ = 0;
   bool in_kernel_ = false;
-  size_t cast_close_ = 0;      // of the cast that was met last
-  std::string statics_end_;    // bytes of static shared memory that are taken
+  size_t cast_close_ = 0;    // of the cast that was met last
+  std::string statics_end_;  // bytes of static shared memory that are taken
 };
 
 }  // namespace

@@ -8,14 +8,13 @@
 // What the rewriting makes of shared arrays; their types stand before these.
 #define KEVRA_CPU_DYNAMIC_SHARED(name) \
   auto& name = *reinterpret_cast<kevra_type_##name*>(kevra_thread.block->shared)
-#define KEVRA_CPU_STATIC_SHARED(name, taken)                                             \
-  constexpr unsigned kevra_begin_##name =                                                \
-      (taken + KEVRA_CPU_LANES * 16 - 1) / (KEVRA_CPU_LANES * 16) * KEVRA_CPU_LANES * 16; \
-  constexpr unsigned kevra_end_##name = kevra_begin_##name + sizeof(kevra_type_##name);  \
-  static_assert(kevra_end_##name <=                                                      \
-                    KEVRA_CPU_LANES * ::kevra_cpu_device::static_shared_bytes,           \
-                "a kernel has at most 64 KiB of static shared memory");                  \
-  auto& name = *reinterpret_cast<kevra_type_##name*>(kevra_thread.block->static_shared + \
+#define KEVRA_CPU_STATIC_SHARED(name, taken)                                                   \
+  constexpr unsigned kevra_begin_##name =                                                      \
+      (taken + KEVRA_CPU_LANES * 16 - 1) / (KEVRA_CPU_LANES * 16) * KEVRA_CPU_LANES * 16;      \
+  constexpr unsigned kevra_end_##name = kevra_begin_##name + sizeof(kevra_type_##name);        \
+  static_assert(kevra_end_##name <= KEVRA_CPU_LANES * ::kevra_cpu_device::static_shared_bytes, \
+                "a kernel has at most 64 KiB of static shared memory");                        \
+  auto& name = *reinterpret_cast<kevra_type_##name*>(kevra_thread.block->static_shared +       \
                                                      kevra_begin_##name)
 
 #define threadIdx (kevra_thread.thread_index)
@@ -113,16 +112,14 @@ extern kevra_cpu_device::CheckHooks kevra_check_hooks;
 #endif
 __attribute__((
     visibility("default"))) extern const kevra_cpu_device::KernelTable kevra_kernel_table;
-const kevra_cpu_device::KernelTable kevra_kernel_table = {__start_kevra_kernels,
-                                                          __stop_kevra_kernels,
+const kevra_cpu_device::KernelTable kevra_kernel_table = {
+    __start_kevra_kernels,      __stop_kevra_kernels,
 #ifdef KEVRA_CPU_CHECK
-                                                          &kevra_check_hooks,
+    &kevra_check_hooks,
 #else
                                                           nullptr,
 #endif
-                                                          __start_kevra_lane_kernels,
-                                                          __stop_kevra_lane_kernels,
-                                                          &kevra_lane_hooks};
+    __start_kevra_lane_kernels, __stop_kevra_lane_kernels, &kevra_lane_hooks};
 }
 
 #endif

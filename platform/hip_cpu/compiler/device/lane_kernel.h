@@ -34,10 +34,10 @@ struct LaneKinds<kernel, Task (*)(Thread, Types...)> {
 
 #define blockIdx (::kevra_cpu_device::lane_block_index(kevra_thread.block_index))
 
-#define KEVRA_CPU_LANE_KERNEL(kernel)                                                           \
-  __attribute__((section("kevra_lane_kernels"),                                                 \
+#define KEVRA_CPU_LANE_KERNEL(kernel)                                                            \
+  __attribute__((section("kevra_lane_kernels"),                                                  \
                  used)) static const ::kevra_cpu_device::LaneEntry kevra_lane_entry_##kernel = { \
-      #kernel, ::kevra_cpu_device::lanes, ::kevra_cpu_device::LaneKinds<&kernel>::of,           \
+      #kernel, ::kevra_cpu_device::lanes, ::kevra_cpu_device::LaneKinds<&kernel>::of,            \
       &::kevra_cpu_device::Starter<&kernel>::start};
 
 extern "C" __attribute__((visibility("hidden"))) kevra_cpu_device::LaneHooks kevra_lane_hooks = {};

@@ -158,18 +158,30 @@ struct HalvesOfWords {
 // Elements of one width can be looked at as each other, cell by cell; bytes become anything.
 template <typename T>
 constexpr int cell_bytes = 0;
-template <> constexpr int cell_bytes<char> = 1;
-template <> constexpr int cell_bytes<unsigned char> = 1;
-template <> constexpr int cell_bytes<__half> = 2;
-template <> constexpr int cell_bytes<__half2> = 2;
-template <> constexpr int cell_bytes<float> = 4;
-template <> constexpr int cell_bytes<float2> = 4;
-template <> constexpr int cell_bytes<float4> = 4;
-template <> constexpr int cell_bytes<int> = 4;
-template <> constexpr int cell_bytes<unsigned> = 4;
-template <> constexpr int cell_bytes<double> = 8;
-template <> constexpr int cell_bytes<double2> = 8;
-template <> constexpr int cell_bytes<long long> = 8;
+template <>
+constexpr int cell_bytes<char> = 1;
+template <>
+constexpr int cell_bytes<unsigned char> = 1;
+template <>
+constexpr int cell_bytes<__half> = 2;
+template <>
+constexpr int cell_bytes<__half2> = 2;
+template <>
+constexpr int cell_bytes<float> = 4;
+template <>
+constexpr int cell_bytes<float2> = 4;
+template <>
+constexpr int cell_bytes<float4> = 4;
+template <>
+constexpr int cell_bytes<int> = 4;
+template <>
+constexpr int cell_bytes<unsigned> = 4;
+template <>
+constexpr int cell_bytes<double> = 8;
+template <>
+constexpr int cell_bytes<double2> = 8;
+template <>
+constexpr int cell_bytes<long long> = 8;
 
 template <typename T>
 struct LaneCast<T*> {

@@ -76,8 +76,8 @@ struct Affine {
   Affine() = default;
   Affine(T first, T step) : first(first), step(step) {}
   template <Number U>
-    requires __is_same(decltype(T() + U()), T)
-  Affine(U x) : first(T(x)), step(0) {}
+    requires __is_same
+  (decltype(T() + U()), T) Affine(U x) : first(T(x)), step(0) {}
   T last() const { return T(first + T(lanes - 1) * step); }
   explicit operator bool() const {
     const bool some = first != 0;
@@ -135,12 +135,12 @@ concept Values = Mixed<A, B> && !Indices<A, B>;
 template <typename A, typename B>
 using Common = decltype(Element<A>() + Element<B>());
 
-#define KEVRA_LANE_ARITHMETIC(sign)                                  \
-  template <typename A, typename B>                                  \
-    requires Values<A, B>                                            \
-  static inline auto operator sign(const A& a, const B& b) {         \
-    using T = Common<A, B>;                                          \
-    return Lanes<T>(Vector<T>(Lanes<T>(a).v sign Lanes<T>(b).v));    \
+#define KEVRA_LANE_ARITHMETIC(sign)                               \
+  template <typename A, typename B>                               \
+    requires Values<A, B>                                         \
+  static inline auto operator sign(const A& a, const B& b) {      \
+    using T = Common<A, B>;                                       \
+    return Lanes<T>(Vector<T>(Lanes<T>(a).v sign Lanes<T>(b).v)); \
   }
 KEVRA_LANE_ARITHMETIC(+)
 KEVRA_LANE_ARITHMETIC(-)
@@ -151,12 +151,12 @@ KEVRA_LANE_ARITHMETIC(&)
 KEVRA_LANE_ARITHMETIC(|)
 KEVRA_LANE_ARITHMETIC(^)
 
-#define KEVRA_LANE_COMPARISON(sign)                                                        \
-  template <typename A, typename B>                                                        \
-    requires Values<A, B>                                                                  \
-  static inline Mask operator sign(const A& a, const B& b) {                               \
-    using T = Common<A, B>;                                                                \
-    return {__builtin_convertvector(Lanes<T>(a).v sign Lanes<T>(b).v, Truths)};            \
+#define KEVRA_LANE_COMPARISON(sign)                                             \
+  template <typename A, typename B>                                             \
+    requires Values<A, B>                                                       \
+  static inline Mask operator sign(const A& a, const B& b) {                    \
+    using T = Common<A, B>;                                                     \
+    return {__builtin_convertvector(Lanes<T>(a).v sign Lanes<T>(b).v, Truths)}; \
   }
 KEVRA_LANE_COMPARISON(<)
 KEVRA_LANE_COMPARISON(>)
@@ -166,13 +166,13 @@ KEVRA_LANE_COMPARISON(==)
 KEVRA_LANE_COMPARISON(!=)
 
 // Differences of indices grow or fall from lane to lane, so the outer lanes speak for all.
-#define KEVRA_AFFINE_COMPARISON(sign)                                        \
-  template <typename A, typename B>                                          \
-    requires Indices<A, B>                                                   \
-  static inline bool operator sign(const A& a, const B& b) {                 \
-    using T = Common<A, B>;                                                  \
-    const Affine<T> x = affine<T>(a), y = affine<T>(b);                      \
-    return agreed(x.first sign y.first, x.last() sign y.last());             \
+#define KEVRA_AFFINE_COMPARISON(sign)                            \
+  template <typename A, typename B>                              \
+    requires Indices<A, B>                                       \
+  static inline bool operator sign(const A& a, const B& b) {     \
+    using T = Common<A, B>;                                      \
+    const Affine<T> x = affine<T>(a), y = affine<T>(b);          \
+    return agreed(x.first sign y.first, x.last() sign y.last()); \
   }
 KEVRA_AFFINE_COMPARISON(<)
 KEVRA_AFFINE_COMPARISON(>)
@@ -254,16 +254,16 @@ static inline Affine<T> operator-(const Affine<T>& x) {
   return {T(-x.first), T(-x.step)};
 }
 
-#define KEVRA_LANE_ASSIGNMENT(sign)                                   \
-  template <typename T, typename U>                                   \
-    requires Mixed<Lanes<T>, U>                                       \
-  static inline Lanes<T>& operator sign##=(Lanes<T>& a, const U& b) { \
-    return a = Lanes<T>(a sign b);                                    \
-  }                                                                   \
-  template <typename T, typename U>                                   \
-    requires Indices<Affine<T>, U>                                    \
-  static inline Affine<T>& operator sign##=(Affine<T>& a, const U& b) { \
-    return a = affine<T>(a sign b);                                   \
+#define KEVRA_LANE_ASSIGNMENT(sign)                                      \
+  template <typename T, typename U>                                      \
+    requires Mixed<Lanes<T>, U>                                          \
+  static inline Lanes<T>& operator sign##=(Lanes<T>& a, const U & b) {   \
+    return a = Lanes<T>(a sign b);                                       \
+  }                                                                      \
+  template <typename T, typename U>                                      \
+    requires Indices<Affine<T>, U>                                       \
+  static inline Affine<T>& operator sign##=(Affine<T>& a, const U & b) { \
+    return a = affine<T>(a sign b);                                      \
   }
 KEVRA_LANE_ASSIGNMENT(+)
 KEVRA_LANE_ASSIGNMENT(-)

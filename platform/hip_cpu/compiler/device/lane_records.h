@@ -7,21 +7,21 @@
 
 namespace kevra_cpu_device {
 
-#define KEVRA_LANE_RECORDS(Element, Name)                                                      \
-  template <>                                                                                  \
-  struct Lanes<Name##2> {                                                                      \
-    Lanes() = default;                                                                         \
-    Lanes(Lanes<Element> x, Lanes<Element> y) : x(x), y(y) {}                                  \
-    Lanes(const Name##2& u) : x(u.x), y(u.y) {}                                                \
-    Lanes<Element> x, y;                                                                       \
-  };                                                                                           \
-  template <>                                                                                  \
-  struct Lanes<Name##4> {                                                                      \
-    Lanes() = default;                                                                         \
-    Lanes(Lanes<Element> x, Lanes<Element> y, Lanes<Element> z, Lanes<Element> w)              \
-        : x(x), y(y), z(z), w(w) {}                                                            \
-    Lanes(const Name##4& u) : x(u.x), y(u.y), z(u.z), w(u.w) {}                                \
-    Lanes<Element> x, y, z, w;                                                                 \
+#define KEVRA_LANE_RECORDS(Element, Name)                                         \
+  template <>                                                                     \
+  struct Lanes<Name##2> {                                                         \
+    Lanes() = default;                                                            \
+    Lanes(Lanes<Element> x, Lanes<Element> y) : x(x), y(y) {}                     \
+    Lanes(const Name##2 & u) : x(u.x), y(u.y) {}                                  \
+    Lanes<Element> x, y;                                                          \
+  };                                                                              \
+  template <>                                                                     \
+  struct Lanes<Name##4> {                                                         \
+    Lanes() = default;                                                            \
+    Lanes(Lanes<Element> x, Lanes<Element> y, Lanes<Element> z, Lanes<Element> w) \
+        : x(x), y(y), z(z), w(w) {}                                               \
+    Lanes(const Name##4 & u) : x(u.x), y(u.y), z(u.z), w(u.w) {}                  \
+    Lanes<Element> x, y, z, w;                                                    \
   };
 KEVRA_LANE_RECORDS(float, float)
 KEVRA_LANE_RECORDS(double, double)
@@ -37,8 +37,8 @@ struct Lanes<__half> {
   Lanes(__half x) : bits(Vector<unsigned short>(x.bits)) {}
   Lanes(const Lanes<float>& x) {
 #if defined(__F16C__) || defined(__aarch64__)
-    bits = __builtin_bit_cast(Vector<unsigned short>,
-                              __builtin_convertvector(x.v, Vector<_Float16>));
+    bits =
+        __builtin_bit_cast(Vector<unsigned short>, __builtin_convertvector(x.v, Vector<_Float16>));
 #else
     for (int i = 0; i < lanes; ++i) bits[i] = ::kevra_device::half_bits(x.v[i]);
 #endif
@@ -150,19 +150,19 @@ concept Varying = Kind<T>::rank > 1;
 
 }  // namespace kevra_cpu_device
 
-#define KEVRA_LANE_MAKE(Element, Name)                                                           \
-  template <typename X, typename Y>                                                              \
-    requires(kevra_cpu_device::Varying<X> || kevra_cpu_device::Varying<Y>)                       \
-  static inline kevra_cpu_device::Lanes<Name##2> make_##Name##2(const X& x, const Y& y) {        \
-    return {kevra_cpu_device::Lanes<Element>(x), kevra_cpu_device::Lanes<Element>(y)};           \
-  }                                                                                              \
-  template <typename X, typename Y, typename Z, typename W>                                      \
-    requires(kevra_cpu_device::Varying<X> || kevra_cpu_device::Varying<Y> ||                     \
-             kevra_cpu_device::Varying<Z> || kevra_cpu_device::Varying<W>)                       \
-  static inline kevra_cpu_device::Lanes<Name##4> make_##Name##4(const X& x, const Y& y,          \
-                                                                const Z& z, const W& w) {        \
-    return {kevra_cpu_device::Lanes<Element>(x), kevra_cpu_device::Lanes<Element>(y),            \
-            kevra_cpu_device::Lanes<Element>(z), kevra_cpu_device::Lanes<Element>(w)};           \
+#define KEVRA_LANE_MAKE(Element, Name)                                                    \
+  template <typename X, typename Y>                                                       \
+    requires(kevra_cpu_device::Varying<X> || kevra_cpu_device::Varying<Y>)                \
+  static inline kevra_cpu_device::Lanes<Name##2> make_##Name##2(const X& x, const Y& y) { \
+    return {kevra_cpu_device::Lanes<Element>(x), kevra_cpu_device::Lanes<Element>(y)};    \
+  }                                                                                       \
+  template <typename X, typename Y, typename Z, typename W>                               \
+    requires(kevra_cpu_device::Varying<X> || kevra_cpu_device::Varying<Y> ||              \
+             kevra_cpu_device::Varying<Z> || kevra_cpu_device::Varying<W>)                \
+  static inline kevra_cpu_device::Lanes<Name##4> make_##Name##4(const X& x, const Y& y,   \
+                                                                const Z& z, const W& w) { \
+    return {kevra_cpu_device::Lanes<Element>(x), kevra_cpu_device::Lanes<Element>(y),     \
+            kevra_cpu_device::Lanes<Element>(z), kevra_cpu_device::Lanes<Element>(w)};    \
   }
 KEVRA_LANE_MAKE(float, float)
 KEVRA_LANE_MAKE(double, double)

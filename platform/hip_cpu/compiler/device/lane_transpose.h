@@ -18,12 +18,10 @@ constexpr int piece = 16 / int(sizeof(T));  // elements of 16 bytes
 // Element k of a piece of two vectors' shuffle: below `piece` it comes from the first vector's
 // piece, else from the second's.
 template <typename T, typename Pattern, int... I>
-static inline Vector<T> shuffle_pieces(Vector<T> a, Vector<T> b, Pattern,
-                                       Sequence<int, I...>) {
-  return __builtin_shufflevector(
-      a, b,
-      (I / piece<T> * piece<T> + Pattern::at(I % piece<T>) % piece<T> +
-       Pattern::at(I % piece<T>) / piece<T> * lanes)...);
+static inline Vector<T> shuffle_pieces(Vector<T> a, Vector<T> b, Pattern, Sequence<int, I...>) {
+  return __builtin_shufflevector(a, b,
+                                 (I / piece<T> * piece<T> + Pattern::at(I % piece<T>) % piece<T> +
+                                  Pattern::at(I % piece<T>) / piece<T> * lanes)...);
 }
 template <typename Pattern, typename T>
 static inline Vector<T> shuffle(const Lanes<T>& a, const Lanes<T>& b) {
@@ -72,10 +70,9 @@ static inline Few<T, count> load_pieces(const char* from, long long step) {
   if constexpr (count == piece<T>) {
     return load_piece<T, bytes>(from, step);
   } else {
-    return joined<T, count / 2>(
-        load_pieces<T, bytes, count / 2>(from, step),
-        load_pieces<T, bytes, count / 2>(from + count / 2 * step, step),
-        __make_integer_seq<Sequence, int, count>{});
+    return joined<T, count / 2>(load_pieces<T, bytes, count / 2>(from, step),
+                                load_pieces<T, bytes, count / 2>(from + count / 2 * step, step),
+                                __make_integer_seq<Sequence, int, count>{});
   }
 }
 
