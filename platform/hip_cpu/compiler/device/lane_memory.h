@@ -44,6 +44,12 @@ struct RowElement {
   }
 };
 
+template <Number T>
+struct Kind<RowElement<T>> {
+  static constexpr int rank = 3;
+  using Element = T;
+};
+
 // An element at one address for all lanes; of what they store the last lane's value stays.
 template <typename T>
 struct SharedElement {

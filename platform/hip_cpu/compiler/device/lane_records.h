@@ -125,23 +125,24 @@ static inline auto lane_cast(const U& x) {
   return LaneCast<T>::of(x);
 }
 
+// Shared arrays, dynamic and static ones, become pointers to their first cell.
 template <typename T, typename U>
 static inline auto lane_cast(Lanes<U> (&x)[]) {
   return LaneCast<T>::of(&x[0]);
 }
-template <typename T, typename U, int count>
+template <typename T, typename U, unsigned long count>
 static inline auto lane_cast(Lanes<U> (&x)[count]) {
   return LaneCast<T>::of(&x[0]);
 }
 
 // The value of a variable that gets others later.
 template <typename T, typename U>
-static inline auto lane_variable(const U& x) {
+static inline auto lane_variable(U&& x) {
   using To = typename Plain<T>::type;
   if constexpr (__is_integral(To) || __is_pointer(To)) {
-    return LaneCast<T>::of(x);
+    return lane_cast<T>(x);
   } else {
-    return Lanes<To>(LaneCast<T>::of(x));
+    return Lanes<To>(lane_cast<T>(x));
   }
 }
 
