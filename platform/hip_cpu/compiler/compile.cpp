@@ -116,6 +116,7 @@ class LaneCompile {
     append(command, compile_options);
     append(command, fast_options);
     append(command, lane_options);
+    if (lanes.many) append(command, {"-DKEVRA_CPU_MANY_LANES"});
     append(command, includes);
     append(command, {"-o", object_, text});
     thread_ = std::thread([this, command] { result_ = run_program(command); });

@@ -12,6 +12,8 @@ namespace kevra_cpu {
 struct LaneText {
   std::string text;     // empty when the kernels have no lane form
   std::string refusal;  // why, or empty where there is nothing to gain from one
+  bool many =
+      false;  // blocks may run sixteen at a time: threads hold few values, none of them wide
 };
 
 LaneText rewrite_lanes(std::string_view text);

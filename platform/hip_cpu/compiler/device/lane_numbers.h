@@ -7,7 +7,9 @@
 
 #ifdef KEVRA_CPU_LANE_CODE
 
-#ifndef KEVRA_CPU_LANES
+#if defined(KEVRA_CPU_MANY_LANES) && defined(__AVX512F__)
+#define KEVRA_CPU_LANES 16
+#else
 #define KEVRA_CPU_LANES 8
 #endif
 
