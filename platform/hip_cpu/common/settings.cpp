@@ -25,10 +25,10 @@ void read_flag(const char* name, bool& out) {
   }
 }
 
-// Check mode watches single blocks, and another order asks for blocks one by one.
+// Check mode watches single blocks, and an order of blocks, whichever, means one after the other.
 void read_lanes(Settings& out) {
   read_flag("KEVRA_CPU_LANES", out.lanes);
-  out.lanes &= !out.check && out.order == Order::forward;
+  out.lanes &= !out.check && variable("KEVRA_CPU_ORDER").empty();
 }
 
 void read_order(Settings& out) {

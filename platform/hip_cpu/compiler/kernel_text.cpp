@@ -107,6 +107,7 @@ std::string KernelText::apply() {
   std::string result;
   size_t at = 0;
   for (const Edit& edit : edits_) {
+    if (edit.begin < at) continue;
     result.append(text_.substr(at, edit.begin - at)).append(edit.text);
     at = edit.end;
   }

@@ -46,8 +46,8 @@ class KernelText {
   void insert_before(size_t token, std::string text);
   void insert_behind(size_t token, std::string text);
 
-  // The text with all edits made: they may touch but not overlap, and of those at one place the
-  // one that was asked for first stands first.
+  // The text with all edits made. Of those at one place the one that was asked for first stands
+  // first; one that begins within another is left out.
   std::string apply();
 
  private:

@@ -262,7 +262,8 @@ class LaneRewriter {
   void least(const Declarator& d) {
     size_t less = 0, question = 0, colon = 0;
     for (size_t i = d.equals + 1; i <= d.last; ++i) {
-      if (text_.is(i, "(") || text_.is(i, "[")) i = text_.closing(i);
+      if (text_.is(i, "(")) return;  // there may be a cast in it, which is rewritten by itself
+      if (text_.is(i, "[")) i = text_.closing(i);
       if (text_.is(i, "<") && less == 0) less = i;
       if (text_.is(i, "?")) question = i;
       if (text_.is(i, ":")) colon = i;
