@@ -18,6 +18,7 @@ inline const Parameter precision{"prec", kevra::codegen::kFloat, kevra::codegen:
                                  kevra::codegen::kDouble, "0 half storage, 1 float, 2 double"};
 
 Family rms_family();
+Family onset_family();
 Family fft_family();
 Family fft_register_family();
 Family db_family();
