@@ -77,7 +77,7 @@ TEST(FftRoute, TakesTheKernelOfItsSize) {
   EXPECT_EQ(routed(8800, "float", {}, kLarge), "shared-memory 256x1");
   EXPECT_EQ(routed(16384, "float"), "four-step");
   EXPECT_EQ(routed(16384, "float", {}, kLarge), "shared-memory 256x1");
-  EXPECT_EQ(routed(16384, "half"), "shared-memory 256x1") << "for the launch to refuse";
+  EXPECT_EQ(routed(16384, "half"), "four-step");
   EXPECT_EQ(routed(16384, "double", {}, 1 << 30), "four-step");
   EXPECT_EQ(routed(32768, "float", {}, 1 << 30), "four-step");
   EXPECT_EQ(routed(2147483640, "double"), "four-step");

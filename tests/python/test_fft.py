@@ -199,7 +199,7 @@ def test_refuses_what_is_no_batch_of_rows():
         with pytest.raises(ValueError, match=f"^fft: {words}"):
             kevra.fft_resident(0, 0, rows, n, False, FLOAT, 0, 0)
     with pytest.raises(ValueError, match="^fft: n exceeds the device shared-memory limit"):
-        kevra.fft_resident(0, 0, 1, 16384, False, HALF, 0, 0)
+        kevra.fft_resident(0, 0, 1, 2**23, False, DOUBLE, 0, 0)
     with pytest.raises(RuntimeError, match="SetDevice"):
         kevra.fft_resident(0, 0, 1, 8, False, FLOAT, 99, 0)
     assert pools_in_use() == before

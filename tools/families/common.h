@@ -25,5 +25,6 @@ Family db_family();
 Family db_inverse_family();
 Family bluestein_family();
 Family four_step_family();
+Family rfft_family();
 
 }  // namespace kevra_tools

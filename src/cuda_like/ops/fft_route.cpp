@@ -248,8 +248,8 @@ FftRoute route_fft(const FftShape& s, const ShapeHint& h, int64_t limit) {
 
   FftRoute route{FftForm::kShared, {}, shared_kernel(s, h, limit)};
   const bool too_large = static_cast<int64_t>(route.shared.shared_bytes()) > limit;
-  if (too_large && s.storage() != 0 &&
-      codegen::four_step_split(s.n, s.storage(), limit).first != 0) {
+  // Half storage computes in float, and takes as much shared memory.
+  if (too_large && codegen::four_step_split(s.n, s.wide ? 2 : 1, limit).first != 0) {
     route.form = FftForm::kFourStep;
   }
   return route;

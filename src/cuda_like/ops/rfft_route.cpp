@@ -19,13 +19,6 @@ using codegen::ShapeHint;
 // Above this the four-step path is the faster one of the double twin, even where a row fits.
 constexpr int64_t kWideSharedBytes = 49152;
 
-// A product of primes above 13 that no stage splits: one thread would hold all of it.
-bool has_composite_rest(int n) {
-  int rest = 1;
-  codegen::factorize(n, &rest);
-  return rest != 1 && !codegen::is_prime(rest);
-}
-
 // Sizes that leave for another path by n alone.
 std::optional<RfftForm> form_by_size(const RfftShape& s, int64_t limit) {
   if (codegen::needs_bluestein(s.n)) return RfftForm::kBluestein;
@@ -146,18 +139,9 @@ bool odd_native(int n, bool wide, int64_t shared_limit) {
 
 RfftRoute route_rfft(const RfftShape& s, const ShapeHint& h, int64_t limit) {
   if (const auto form = form_by_size(s, limit)) return {*form, {}, {}};
-  const int length = s.rows().length();
-  const bool no_stages = has_composite_rest(length);
-  if (no_stages || wants_registers(s, h, length)) {
+  if (wants_registers(s, h, s.rows().length())) {
     if (auto kernel = register_kernel(s, h, limit)) {
       return {RfftForm::kRegister, *std::move(kernel), {}};
-    }
-    // A wish may have spoiled the only schedule that the length has.
-    if (no_stages) {
-      if (auto kernel = register_kernel(s, {}, limit)) {
-        return {RfftForm::kRegister, *std::move(kernel), {}};
-      }
-      return {RfftForm::kBluestein, {}, {}};
     }
   }
   const bool even = s.n % 2 == 0;
