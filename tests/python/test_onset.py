@@ -69,7 +69,8 @@ def test_guards_and_nothing_for_no_frames():
     kevra.onset_strength_resident(0, 0, 5, 0, 4, FLOAT, 0, 0)
     assert kevra.onset_strength_staged(np.zeros((0, 4, 5))).shape == (0, 5)
     assert kevra.onset_strength_staged(np.zeros((3, 4, 0))).shape == (3, 0)
-    for sizes, text in {(1, 1, 0): "bins is 0, must be at least 1", (1, -1, 4): "frames is -1", (-1, 1, 4): "batch is -1",
+    for sizes, text in {(1, 1, 0): "bins is 0, must be at least 1", (1, -1, 4): "frames is -1",
+                        (-1, 1, 4): "batch is -1",
                         (1 << 20, 1 << 20, 4): "batch x frames is 1099511627776, must be at most"}.items():
         with pytest.raises(ValueError, match=f"^onset_strength: {text}"):
             kevra.onset_strength_resident(0, 0, *sizes, FLOAT, 0, 0)

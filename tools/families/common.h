@@ -26,5 +26,12 @@ Family db_inverse_family();
 Family bluestein_family();
 Family four_step_family();
 Family rfft_family();
+Family lfilter_family();
+Family lfilter_pack_family();
+Family lfilter_basis_family();
+Family conv_pad_family();
+Family conv_multiply_family();
+Family conv_slice_family();
+Family conv_direct_family();
 
 }  // namespace kevra_tools

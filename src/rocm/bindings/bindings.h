@@ -10,6 +10,8 @@ void bind_queries(pybind11::module_& m);
 void bind_fft(pybind11::module_& m);
 void bind_features(pybind11::module_& m);
 void bind_db(pybind11::module_& m);
+void bind_convolution(pybind11::module_& m);
+void bind_lfilter(pybind11::module_& m);
 void bind_routing(pybind11::module_& m);
 
 }  // namespace kevra::bindings

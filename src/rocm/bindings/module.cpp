@@ -8,5 +8,7 @@ PYBIND11_MODULE(_rocm, m) {
   kevra::bindings::bind_fft(m);
   kevra::bindings::bind_features(m);
   kevra::bindings::bind_db(m);
+  kevra::bindings::bind_convolution(m);
+  kevra::bindings::bind_lfilter(m);
   kevra::bindings::bind_routing(m);
 }
