@@ -13,6 +13,7 @@ namespace {
 
 // Past this a stretch is left as a loop: registers would not hold it anyway.
 constexpr int kLongestUnrolled = 32;
+constexpr int kMostTapsUnrolled = 16;
 
 struct Emitter {
   const LfilterKernel& kernel;
@@ -39,6 +40,8 @@ struct Emitter {
     w.stmt("  double f[NSEQ];");
     unrolled();
     w.stmt("  for (int i = 0; i < NSEQ; ++i) f[i] = 0;");
+    // Then a sample that several outputs need is read once: all places are constants.
+    if (kernel.m1 <= kMostTapsUnrolled) unrolled();
     w.stmt("  for (int m = 0; m < MT; ++m) {");
     w.stmt("    double tap = cf[m];");
     unrolled();
@@ -59,12 +62,16 @@ struct Emitter {
   // What this stretch leaves behind if nothing came before it.
   void own_state() {
     w.stmt("  double st[PP];");
-    w.stmt("  for (int r = 0; r < PP; ++r) st[r] = 0;");
+    w.stmt("  {");
+    w.stmt("    double sum[PP];  // lives in registers, as st does not on every device");
+    w.stmt("    for (int r = 0; r < PP; ++r) sum[r] = 0;");
     unrolled();
-    w.stmt("  for (int i = 0; i < NSEQ; ++i)");
-    w.stmt("    for (int r = 0; r < PP; ++r) st[r] += cf[RESPONSE + i * PP + r] * f[i];");
-    w.stmt("  if (tid == 0) for (int q = 0; q < PP; ++q)");
-    w.stmt("    for (int r = 0; r < PP; ++r) st[r] += cf[POWERS + q * PP + r] * c[q];");
+    w.stmt("    for (int i = 0; i < NSEQ; ++i)");
+    w.stmt("      for (int r = 0; r < PP; ++r) sum[r] += cf[RESPONSE + i * PP + r] * f[i];");
+    w.stmt("    if (tid == 0) for (int q = 0; q < PP; ++q)");
+    w.stmt("      for (int r = 0; r < PP; ++r) sum[r] += cf[POWERS + q * PP + r] * c[q];");
+    w.stmt("    for (int r = 0; r < PP; ++r) st[r] = sum[r];");
+    w.stmt("  }");
     w.barrier();
   }
 
@@ -74,9 +81,15 @@ struct Emitter {
     w.stmt("  double* from = sv; double* to = sv + PP * NTH;");
     w.stmt("  for (int j = 0, stride = 1; stride < NTH; ++j, stride <<= 1) {");
     w.line("      // a state from `stride` stretches back has gone NSEQ 2^j samples since");
-    w.stmt("    if (tid >= stride) for (int q = 0; q < PP; ++q) {");
-    w.stmt("      double s = from[q * NTH + tid - stride];");
-    w.stmt("      for (int r = 0; r < PP; ++r) st[r] += cf[POWERS + (j * PP + q) * PP + r] * s;");
+    w.stmt("    if (tid >= stride) {");
+    w.stmt("      double sum[PP];");
+    w.stmt("      for (int r = 0; r < PP; ++r) sum[r] = st[r];");
+    w.stmt("      for (int q = 0; q < PP; ++q) {");
+    w.stmt("        double s = from[q * NTH + tid - stride];");
+    w.stmt(
+        "        for (int r = 0; r < PP; ++r) sum[r] += cf[POWERS + (j * PP + q) * PP + r] * s;");
+    w.stmt("      }");
+    w.stmt("      for (int r = 0; r < PP; ++r) st[r] = sum[r];");
     w.stmt("    }");
     w.stmt("    for (int k = 0; k < PP; ++k) to[k * NTH + tid] = st[k];");
     w.barrier();
@@ -116,13 +129,17 @@ struct Emitter {
 
   // The oldest value first: only the last product waits for the sample before.
   void recursion() {
+    if (kernel.p > 0) {
+      w.stmt("  double past[PP];");
+      w.stmt("  for (int k = 0; k < PP; ++k) past[k] = st[k];");
+    }
     unrolled();
     w.stmt("  for (int i = 0; i < NSEQ; ++i) {");
     w.stmt("    double yn = f[i];");
     if (kernel.p > 0) {
-      w.stmt("    for (int j = PP - 1; j >= 0; --j) yn -= cf[MT + j] * st[j];");
-      w.stmt("    for (int k = PP - 1; k > 0; --k) st[k] = st[k - 1];");
-      w.stmt("    st[0] = yn;");
+      w.stmt("    for (int j = PP - 1; j >= 0; --j) yn -= cf[MT + j] * past[j];");
+      w.stmt("    for (int k = PP - 1; k > 0; --k) past[k] = past[k - 1];");
+      w.stmt("    past[0] = yn;");
     }
     w.stmt("    own[SHP(i)] = ($)yn;", t);
     w.stmt("  }");
