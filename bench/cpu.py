@@ -1,4 +1,4 @@
-"""Complex FFT and RMS on the CPU device against scipy, numpy and, where installed, librosa and PyTorch.
+"""FFT, complex and real, and RMS on the CPU device against scipy, numpy and, where installed, librosa and PyTorch.
 
 The CPU device is a stand-in that runs GPU kernels on the processor: these figures tell what it costs to work without
 a GPU, and nothing about GPUs. `resident` works in device memory, `staged` takes and gives numpy arrays as its peers do.

@@ -1,4 +1,4 @@
-"""Complex FFT and RMS on a GPU against PyTorch and CuPy on the same GPU, where they are installed.
+"""FFT, complex and real, and RMS on a GPU against PyTorch and CuPy on the same GPU, where they are installed.
 
 Input and output lie in device memory, and events time what is queued. Measured is whatever HIP runtime is bound:
 the one that KEVRA_HIP_PATH names, else the CUDA device where there is an NVIDIA driver, else the system's HIP.

@@ -147,18 +147,6 @@ def child_answer(child: subprocess.Popen) -> dict:
     return json.loads(output) if child.returncode == 0 else {"error": f"exit status {child.returncode}\n{errors}"}
 
 
-def on_a_built_route(n: int, inverse: bool, bits: int, call):
-    """Runs a call of the complex transform and returns its result and whether the size had to be hinted onto the
-    shared-memory kernel, which takes every size, because the kernel it prefers is not built yet."""
-    try:
-        return call(), False
-    except RuntimeError as error:
-        if "not built yet" not in str(error):
-            raise
-    kevra.set_shape_hint("fft", n, 0, inverse, bits, "complex", 0, 0, 0, 0, 0, 1)
-    return call(), True
-
-
 CALLS = 200  # per timing of the host's cost, so that reading the clock does not count
 
 

@@ -8,15 +8,17 @@ import scipy.fft
 
 POWERS = [16, 32, 64, 128, 256, 512, 1024, 2048]
 AWKWARD = [100, 240, 360, 480, 600, 720, 960, 1000, 1200, 1536, 3125]
+REAL = [400, 512, 2048]
 BATCHES = [1, 16, 256, 4096]
 SIGNALS = [(1, 16384), (1, 1440000), (16, 160000), (256, 16384)]  # (batch, samples)
 FRAMES = [(2048, 512), (400, 160)]  # (frame length, hop): of music at 44.1 kHz, of speech at 16 kHz
+TRANSFORMS = ["fft", "rfft", "irfft"]
 EPS = {"float": 2.0**-23, "double": 2.0**-52}
 
 
 @dataclass(frozen=True)
 class Case:
-    operation: str  # fft: rows of n complex values; rms: rows of n samples, frames centred
+    operation: str  # fft: rows of n complex values; rfft and irfft: of n reals; rms: of n samples, frames centred
     precision: str  # float or double
     n: int
     batch: int
@@ -36,18 +38,25 @@ class Case:
         return self.n // self.hop + 1
 
     @property
+    def input(self) -> tuple[tuple[int, int], np.dtype]:
+        """Shape and type of what is given."""
+        if self.operation == "irfft":
+            return (self.batch, self.n // 2 + 1), self.complex
+        return (self.batch, self.n), self.complex if self.operation == "fft" else self.real
+
+    @property
     def output(self) -> tuple[tuple[int, int], np.dtype]:
         """Shape and type of the result."""
-        if self.operation == "fft":
-            return (self.batch, self.n), self.complex
-        return (self.batch, self.frames), self.real
+        if self.operation == "rfft":
+            return (self.batch, self.n // 2 + 1), self.complex
+        if self.operation == "rms":
+            return (self.batch, self.frames), self.real
+        return (self.batch, self.n), self.complex if self.operation == "fft" else self.real
 
     @property
     def bytes_moved(self) -> int:
         """The input once in and the result once out: what no kernel can do without."""
-        (rows, columns), result = self.output
-        read = self.complex if self.operation == "fft" else self.real
-        return self.batch * self.n * read.itemsize + rows * columns * result.itemsize
+        return sum(rows * columns * dtype.itemsize for (rows, columns), dtype in (self.input, self.output))
 
     def record(self) -> dict:
         return {name: value for name, value in asdict(self).items() if value}
@@ -57,28 +66,39 @@ class Case:
         return f"{self.operation} of {self.batch} x {self.n} {self.precision}{frames}"
 
 
-def grid(sizes: list[int], batches: list[int], signals: list[tuple[int, int]], operations: list[str]) -> list[Case]:
+def grid(sizes: dict[str, list[int]], batches: list[int], signals: list[tuple[int, int]]) -> list[Case]:
+    """`sizes` has the lengths of each transform, and the frames' energy where that is measured."""
     cases = []
     for precision in EPS:
-        if "fft" in operations:
-            cases += [Case("fft", precision, n, batch) for n in sizes for batch in batches]
-        if "rms" in operations:
+        for operation in TRANSFORMS:
+            cases += [Case(operation, precision, n, batch) for n in sizes.get(operation, []) for batch in batches]
+        if "rms" in sizes:
             cases += [Case("rms", precision, n, batch, *frame) for batch, n in signals for frame in FRAMES]
     return cases
 
 
 def make_input(case: Case) -> np.ndarray:
     random = np.random.default_rng([case.n, case.batch])
-    if case.operation == "rms":
-        return random.standard_normal((case.batch, case.n), dtype=case.real)
-    return random.standard_normal((case.batch, 2 * case.n), dtype=case.real).view(case.complex)
+    (rows, columns), dtype = case.input
+    if dtype == case.real:
+        return random.standard_normal((rows, columns), dtype=case.real)
+    x = random.standard_normal((rows, 2 * columns), dtype=case.real).view(case.complex)
+    if case.operation == "irfft":
+        x.imag[:, 0] = 0  # as in every real row's spectrum
+        if case.n % 2 == 0:
+            x.imag[:, -1] = 0
+    return x
 
 
 def exact(case: Case, x: np.ndarray) -> np.ndarray:
     """The result in double precision."""
-    if case.operation == "fft":
-        return scipy.fft.fft(x.astype(np.complex128), workers=-1)
-    return framed_rms(np, x.astype(np.float64), case)
+    wide = x.astype(np.result_type(x.dtype, np.float64))
+    return framed_rms(np, wide, case) if case.operation == "rms" else transformed(scipy.fft, wide, case, workers=-1)
+
+
+def transformed(fft, x, case: Case, **options):
+    """By a module with the functions of numpy.fft."""
+    return getattr(fft, case.operation)(x, case.n, **options)
 
 
 def framed_rms(arrays, x, case: Case):
@@ -93,7 +113,7 @@ def framed_rms(arrays, x, case: Case):
 
 def bound(case: Case) -> float:
     """Largest relative L2 error. A fast transform's grows with its depth; sums of a frame may be taken one by one."""
-    if case.operation == "fft":
+    if case.operation in TRANSFORMS:
         return 3 * EPS[case.precision] * math.sqrt(math.log2(case.n))
     return EPS[case.precision] * math.sqrt(case.frame_length)
 

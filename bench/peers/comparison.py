@@ -17,15 +17,17 @@ import kevra
 from peers import cases, output, timing
 from peers.contenders import Resident
 
+OPERATIONS = [*cases.TRANSFORMS, "rms"]
 PACKAGES = ["numpy", "scipy", "librosa", "torch", "cupy"]
 
 
 def options(description: str, counts: dict[str, int]) -> Namespace:
     more = {
-        "sizes": {"type": numbers, "default": cases.POWERS + cases.AWKWARD, "help": "transform lengths, as 256,1000"},
+        "sizes": {"type": numbers, "default": cases.POWERS + cases.AWKWARD, "help": "lengths of fft, as 256,1000"},
+        "real-sizes": {"type": numbers, "default": cases.REAL, "help": "lengths of rfft and irfft"},
         "batches": {"type": numbers, "default": cases.BATCHES, "help": "rows of the transforms, as 1,256"},
         "signals": {"type": shapes, "default": cases.SIGNALS, "help": "batch and samples for rms, as 1x16384,4x9000"},
-        "operations": {"choices": ["fft", "rms"], "nargs": "+", "default": ["fft", "rms"]},
+        "operations": {"choices": OPERATIONS, "nargs": "+", "default": OPERATIONS},
         "only-peers": {"action": "store_true", "help": "leave out host cost and first calls"},
         "folder": {"default": str(harness.HERE / "results"), "help": "where the JSON and the plot go"},
         "markdown": {"metavar": "FILE", "help": "write the table of ratios for documentation"},
@@ -51,7 +53,9 @@ def compare(chosen: Namespace, target: str, contenders_of, libraries: dict, abse
     hip, results = harness.Hip(), []
     with harness.cache_folder():
         record["copy_bytes_per_second"] = timing.copy_rate(hip, chosen.copy)
-        grid = cases.grid(chosen.sizes, chosen.batches, chosen.signals, chosen.operations)
+        lengths = {"fft": chosen.sizes, "rfft": chosen.real_sizes, "irfft": chosen.real_sizes, "rms": []}
+        wanted = {operation: lengths[operation] for operation in chosen.operations}
+        grid = cases.grid(wanted, chosen.batches, chosen.signals)
         for case in harness.progress(grid, "cases"):
             x = cases.make_input(case)
             with Resident(hip, case, x) as resident:

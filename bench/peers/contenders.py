@@ -9,7 +9,7 @@ import kevra
 import numpy as np
 import scipy.fft
 from peers import timing
-from peers.cases import Case, framed_rms
+from peers.cases import Case, framed_rms, transformed
 
 PREC = {"float": 1, "double": 2}
 
@@ -48,13 +48,11 @@ class Resident:
         self.answer = np.empty(shape, dtype)
         self.x, self.out = hip.upload(x), hip.malloc(self.answer.nbytes)
         precision = PREC[case.precision]
-        if case.operation == "fft":
-            self.arguments = (self.x, self.out, case.batch, case.n, False, precision, 0, 0)
-            self.function = kevra.fft_resident
-        else:
-            frames = (case.frames, case.frame_length, case.hop, True)
-            self.arguments = (self.x, self.out, case.batch, case.n, *frames, precision, 0, 0)
-            self.function = kevra.rms_resident
+        others = (False,) if case.operation == "fft" else ()
+        if case.operation == "rms":
+            others = (case.frames, case.frame_length, case.hop, True)
+        self.arguments = (self.x, self.out, case.batch, case.n, *others, precision, 0, 0)
+        self.function = getattr(kevra, f"{case.operation}_resident")
 
     def __enter__(self):
         return self
@@ -77,16 +75,16 @@ class Resident:
 
 
 def on_the_cpu(case: Case, x: np.ndarray, resident: Resident, libraries: dict, threads: int) -> list[Contender]:
-    if case.operation == "fft":
-        staged = Contender("kevra staged", lambda: kevra.fft_staged(x, False), ours=True)
+    others = {"fft": (False,), "irfft": (case.n,), "rms": (case.frame_length, case.hop, True)}.get(case.operation, ())
+    function = getattr(kevra, f"{case.operation}_staged")
+    staged = Contender("kevra staged", lambda: function(x, *others), ours=True)
+    if case.operation != "rms":
         peers = [
-            Contender("scipy 1", lambda: scipy.fft.fft(x, workers=1)),
-            Contender("scipy all", lambda: scipy.fft.fft(x, workers=threads)),
-            Contender("numpy", lambda: np.fft.fft(x)),
+            Contender("scipy 1", lambda: transformed(scipy.fft, x, case, workers=1)),
+            Contender("scipy all", lambda: transformed(scipy.fft, x, case, workers=threads)),
+            Contender("numpy", lambda: transformed(np.fft, x, case)),
         ]
     else:
-        frame = (case.frame_length, case.hop)
-        staged = Contender("kevra staged", lambda: kevra.rms_staged(x, *frame, True), ours=True)
         peers = [Contender("numpy", lambda: framed_rms(np, x, case))]
         if "librosa" in libraries:
             peers.append(librosa_rms(libraries["librosa"], case, x))
@@ -109,7 +107,7 @@ def in_torch(torch, case: Case, x: np.ndarray, place: str, clock: timing.Clock) 
         padded = torch.nn.functional.pad(there, (pad, pad), mode="reflect")
         return padded.unfold(-1, case.frame_length, case.hop).square().mean(-1).sqrt()
 
-    call = (lambda: torch.fft.fft(there)) if case.operation == "fft" else rms
+    call = rms if case.operation == "rms" else (lambda: transformed(torch.fft, there, case))
     return Contender("torch", call, lambda answer: answer.cpu().numpy(), clock)
 
 
@@ -123,6 +121,9 @@ def on_the_gpu(case: Case, x: np.ndarray, resident: Resident, libraries: dict) -
     if "cupy" in libraries:
         cupy = libraries["cupy"]
         there = cupy.asarray(x)
-        call = (lambda: cupy.fft.fft(there)) if case.operation == "fft" else (lambda: framed_rms(cupy, there, case))
+
+        def call():
+            return framed_rms(cupy, there, case) if case.operation == "rms" else transformed(cupy.fft, there, case)
+
         contenders.append(Contender("cupy", call, cupy.asnumpy, timing.cupy_clock(cupy)))
     return contenders

@@ -57,7 +57,7 @@ def show(record: dict, written: list[Path]) -> None:
     print(f"{'device copy':<16}  {record['copy_bytes_per_second'] * 1e-9:.1f} GB/s, read and written bytes together")
     for script, figures in record["other_figures"].items():
         print(f"{script:<16}  {', '.join(f'{name} {value}' for name, value in figures.items())}")
-    for operation in ("fft", "rms"):
+    for operation in dict.fromkeys(result["operation"] for result in record["cases"]):
         rows = [result for result in record["cases"] if result["operation"] == operation]
         if rows:
             print(f"\n{operation}: us a call; kevra's speed is against the fastest peer, above 1 kevra is faster")
@@ -93,13 +93,13 @@ def print_aligned(lines: list[list[str]]) -> None:
 
 
 def markdown(results: list[dict]) -> str:
-    """One table a precision of the transforms, rows n and columns batches, and one of the frames' energy."""
+    """One table for each transform and precision, rows n and columns batches, and one of the frames' energy."""
     lines = []
     timed = compared(results)
-    for precision in dict.fromkeys(r["precision"] for r in timed if r["operation"] == "fft"):
-        own = {(r["n"], r["batch"]): r for r in timed if r["operation"] == "fft" and r["precision"] == precision}
+    for kind in dict.fromkeys((r["operation"], r["precision"]) for r in timed if r["operation"] != "rms"):
+        own = {(r["n"], r["batch"]): r for r in timed if (r["operation"], r["precision"]) == kind}
         batches = sorted({batch for _, batch in own})
-        lines += ["", f"| {precision}, n | " + " | ".join(f"batch {batch}" for batch in batches) + " |"]
+        lines += ["", f"| {' '.join(kind)}, n | " + " | ".join(f"batch {batch}" for batch in batches) + " |"]
         lines.append("|---:|" + "---:|" * len(batches))
         for n in dict.fromkeys(n for n, _ in own):
             cells = [speeds(own[n, batch]) if (n, batch) in own else "" for batch in batches]

@@ -1,5 +1,7 @@
 #include "codegen/prelude.h"
 
+#include <algorithm>
+
 #include "codegen/format.h"
 #include "codegen/precision.h"
 #include "codegen/sizes.h"
@@ -80,7 +82,7 @@ std::string schedule_prelude(const Backend& backend, const StftConfig& config) {
          complex_prelude(backend, config.prec) +
          format("$$ brev($ x){return $ >> (32 - $);}\n",
                 {backend.device_inline(), type, type, backend.bit_reverse("x"),
-                 std::to_string(ceil_log2(config.n_fft / 2))}) +
+                 std::to_string(std::max(ceil_log2(config.n_fft / 2), 1))}) +
          reflect_prelude(config.pad);
 }
 

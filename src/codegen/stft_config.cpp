@@ -18,6 +18,13 @@ constexpr int kEpt16Least = 512;
 // Below this many points a 32-thread frame exchanges by shuffles faster than through memory.
 constexpr int kWarpLimit = 544;
 
+// A pass unrolls as many elements; more registers than this no thread has.
+constexpr int kEptLimit = 64;
+// The shuffles' group: a frame of fewer points leaves lanes without a value.
+constexpr int kWarp = 32;
+
+constexpr int kDefaultShift = 4;
+
 // A hint's bits in `var`.
 constexpr int kVarPadded = 4;
 
@@ -41,6 +48,19 @@ int frames_that_fit(int wanted, int64_t row, int64_t shared_by_all, int64_t elem
   int fpb = std::max(std::min(wanted, kBlockLimit / tpf), 1);
   while (fpb > 1 && (row * fpb + shared_by_all) * elem > cap) --fpb;
   return fpb;
+}
+
+// The last word on shared memory, with the padding that was wished: fewer frames, then the padding
+// of the default, then the way through device memory, which takes every length.
+void keep_within(StftConfig& s, int64_t cap) {
+  if (s.core == StftCore::kFourStep) return;
+  const auto fits = [&] { return static_cast<int64_t>(frame_shared_bytes(s)) <= cap; };
+  while (s.fpb > 1 && !fits()) --s.fpb;
+  if (!fits()) {
+    s.shp_shift = kDefaultShift;
+    s.padded = false;
+  }
+  if (!fits() || s.tpf > kBlockLimit) s.core = StftCore::kFourStep;
 }
 
 }  // namespace
@@ -69,7 +89,7 @@ StftConfig build_pow2_schedule(const StftRequest& request, const ShapeHint& hint
   const int padding = half >> 4;
 
   s.ept = hint.ept > 0 ? hint.ept : 8;
-  while (s.ept > half && s.ept > 1) s.ept /= 2;
+  while (s.ept > std::min(half, kEptLimit) && s.ept > 1) s.ept /= 2;
   s.tpf = hint.tpf > 0 ? std::min(hint.tpf, kBlockLimit) : std::max(1, half / s.ept);
   s.wide = s.prec == 2;
   s.fpb = hint.fpb >= 1 ? hint.fpb : std::min(8, std::max(1, (s.n_fft <= 512 ? 256 : 128) / s.tpf));
@@ -78,17 +98,21 @@ StftConfig build_pow2_schedule(const StftRequest& request, const ShapeHint& hint
   const int row = half + 1 + padding;
   s.fpb = frames_that_fit(s.fpb, row, table, elem, cap, s.tpf);
 
-  if (s.tpf == 32 && half < kWarpLimit && s.prec != 2) s.core = StftCore::kWarp;
+  if (s.tpf == kWarp && half >= kWarp && half < kWarpLimit && s.prec != 2) {
+    s.core = StftCore::kWarp;
+  }
   if (hint.core == 1) s.core = StftCore::kCooleyTukey;
 
-  const bool ept16_fits = (row + table) * elem <= cap;
+  // This core reads its roots from device memory: it wants all of them, not a half.
+  const bool ept16_fits = row * elem <= cap;
   const bool wanted = hint.core == 3 && s.n_fft >= kEpt16Least && ept16_fits;
   const bool by_default = hint.core <= 0 && s.prec == 1 && s.n_fft >= kEpt16Default;
   if (wanted || by_default) {
     s.core = StftCore::kEpt16;
     s.ept = wanted ? factorize(half).front() : 16;
     s.tpf = half / s.ept;
-    s.fpb = frames_that_fit(4, row, wanted ? table : 0, elem, cap, s.tpf);
+    s.tw_global = s.wide;
+    s.fpb = frames_that_fit(4, row, 0, elem, cap, s.tpf);
     if (ept16_fits) return s;
   }
 
@@ -133,10 +157,11 @@ StftConfig route_stft(const StftRequest& request, const ShapeHint& hint, int64_t
   constexpr int kShiftNone = 15;  // 0 stands for the default
   const int var = std::max(hint.var, 0);
   const int shift = (var >> 4) & 15;
-  s.shp_shift = shift == 0 ? 4 : shift == kShiftNone ? 0 : shift;
+  s.shp_shift = shift == 0 ? kDefaultShift : shift == kShiftNone ? 0 : shift;
   const int m = s.pair ? n : n / 2;
   s.padded = (var & kVarPadded) != 0 && rader_extra(m) == 0;
   if (s.core == StftCore::kMixed && needs_bluestein(m)) s.core = StftCore::kFourStep;
+  keep_within(s, cap > 0 ? cap : kCapWhenUntold);
   return s;
 }
 

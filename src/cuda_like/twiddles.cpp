@@ -6,7 +6,9 @@
 #include <numbers>
 #include <string>
 
+#include "codegen/precision.h"
 #include "codegen/rader.h"
+#include "codegen/sizes.h"
 #include "cuda_like/hash.h"
 #include "cuda_like/tables.h"
 
@@ -30,6 +32,7 @@ struct TwiddleTag {
   char letter;
 };
 constexpr TwiddleTag kFftTag{35, 'f'};
+constexpr TwiddleTag kFrameTag{33, 's'};
 
 devptr_t upload_twiddles(const TwiddleTag& tag, int n, const Table& table, size_t scalar_bytes) {
   char name[64];
@@ -39,6 +42,21 @@ devptr_t upload_twiddles(const TwiddleTag& tag, int n, const Table& table, size_
   }
   const std::vector<std::complex<float>> narrow(table.begin(), table.end());
   return device_table(name, narrow.data(), narrow.size() * sizeof narrow[0]);
+}
+
+uint64_t table_key(const TwiddleTag& tag, int n, size_t scalar_bytes, int variant) {
+  return key_of(
+      {tag.seed, uint64_t(n), uint64_t(scalar_bytes), uint64_t(tag.letter), uint64_t(variant)});
+}
+
+Table frame_table(const codegen::StftConfig& config) {
+  const int n = config.n_fft;
+  if (config.prec != codegen::kDouble) return Table(1);
+  if (config.core == codegen::StftCore::kMixed) {
+    return config.pair ? twiddle_table(2 * n, codegen::rader_prime(n))
+                       : twiddle_table(n, codegen::rader_prime(n / 2));
+  }
+  return config.core == codegen::StftCore::kEpt16 ? twiddle_table(n, 0) : twiddle_table_pow2(n);
 }
 
 }  // namespace
@@ -67,13 +85,17 @@ Table twiddle_table_pow2(int n) {
 
 devptr_t fft_twiddles(int n, int rader, bool wide) {
   const size_t scalar_bytes = wide ? sizeof(double) : sizeof(float);
-  uint64_t key = kFftTag.seed;
-  for (uint64_t v :
-       {uint64_t(n), uint64_t(scalar_bytes), uint64_t(kFftTag.letter), uint64_t(rader)}) {
-    key = combine(key, v);
-  }
-  return device_table_built(key, [&] {
+  return device_table_built(table_key(kFftTag, n, scalar_bytes, rader), [&] {
     return upload_twiddles(kFftTag, n, wide ? twiddle_table(n, rader) : Table(1), scalar_bytes);
+  });
+}
+
+devptr_t frame_twiddles(const codegen::StftConfig& config) {
+  const size_t scalar_bytes = config.prec == codegen::kDouble ? sizeof(double) : sizeof(float);
+  // A power-of-two length has a table for each of the two ways to read it.
+  const int variant = config.core == codegen::StftCore::kEpt16 ? 1 : 0;
+  return device_table_built(table_key(kFrameTag, config.n_fft, scalar_bytes, variant), [&] {
+    return upload_twiddles(kFrameTag, config.n_fft, frame_table(config), scalar_bytes);
   });
 }
 

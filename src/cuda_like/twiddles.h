@@ -5,6 +5,7 @@
 #include <complex>
 #include <vector>
 
+#include "codegen/stft_config.h"
 #include "cuda_like/device.h"
 
 namespace kevra {
@@ -21,5 +22,8 @@ std::vector<std::complex<double>> twiddle_table_pow2(int n);
 // The complex transform's table on the current device: twiddle_table(n, rader) for the double
 // twin, one zero for the float twin.
 devptr_t fft_twiddles(int n, int rader, bool wide);
+
+// The table of a frame kernel, as its core reads it; one zero unless the arithmetic is double.
+devptr_t frame_twiddles(const codegen::StftConfig& config);
 
 }  // namespace kevra

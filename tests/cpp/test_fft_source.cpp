@@ -5,35 +5,20 @@
 #include <fstream>
 #include <iterator>
 #include <set>
-#include <sstream>
 
 #include "codegen/kernels/fft.h"
 #include "codegen/kernels/fft_register.h"
 #include "codegen/sizes.h"
+#include "golden.h"
 #include "kernel_run.h"
 
 namespace kevra::codegen {
 namespace {
 
+using kevra_test::expect_golden;
 using kevra_test::Spectrum;
 
 const HipBackend hip;
-
-// Compares line by line and shows the first that differs: whole kernels drown a report.
-void expect_golden(const std::string& got, const std::string& name) {
-  std::ifstream file(std::string(KEVRA_GOLDEN_FOLDER) + "/" + name);
-  ASSERT_TRUE(file) << "missing " << name;
-  std::istringstream text(got);
-  std::string line;
-  std::string golden;
-  for (int number = 1;; ++number) {
-    const bool more = static_cast<bool>(std::getline(text, line));
-    const bool more_golden = static_cast<bool>(std::getline(file, golden));
-    ASSERT_EQ(more, more_golden) << name << " differs in length from line " << number << " on";
-    if (!more) return;
-    ASSERT_EQ(line, golden) << name << ":" << number;
-  }
-}
 
 TEST(ComplexFftKernel, WholeTextsMatchTheGoldenFiles) {
   struct Golden {

@@ -43,6 +43,17 @@ TEST(Hash, MatchesKnownFigures) {
   EXPECT_NE(matrix_hash(values.data(), 3, 1000), sampled);
 }
 
+TEST(Hash, KeysOfSmallValuesStayApart) {
+  std::set<uint64_t> keys;
+  size_t asked = 0;
+  for (uint64_t name = 1000; name < 1007; ++name) {
+    for (uint64_t n = 1; n <= 5000; ++n) {
+      for (uint64_t bytes : {4, 8}) asked += keys.insert(key_of({119, name, n, bytes})).second;
+    }
+  }
+  EXPECT_EQ(asked, 70000u);
+}
+
 TEST(FloatToHalf, AgreesWithTheCompiler) {
   const auto check = [](uint32_t bits) {
     const float value = std::bit_cast<float>(bits);

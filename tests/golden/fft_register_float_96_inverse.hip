@@ -146,33 +146,35 @@ extern "C" __global__ void __launch_bounds__(64) kevra_fft(const iot* __restrict
   cplx v127 = cmul(v94, v126);
   cplx v128 = cmul(v126, v114);
   cplx v129 = cmul(v98, v128);
-  cplx v130 = cmul(v128, v114);
-  cplx v131 = cmul(v102, v130);
-  cplx v132 = cmul(v130, v114);
-  cplx v133 = cmul(v106, v132);
-  cplx v134 = cmul(v132, v114);
-  cplx v135 = cmul(v110, v134);
-  int q136 = (tid + 0) % 12; int j137 = (tid + 0) / 12;
-  cplx u138;
-  cplx u139;
-  cplx u140;
+  float a130 = (float)(-0.065449846949787352) * (float)(9 * j0);
+  float c131, s132; __sincosf(a130, &s132, &c131);
+  cplx v133 = cmk((float)c131, (float)s132);
+  cplx v134 = cmul(v102, v133);
+  cplx v135 = cmul(v133, v114);
+  cplx v136 = cmul(v106, v135);
+  cplx v137 = cmul(v135, v114);
+  cplx v138 = cmul(v110, v137);
+  int q139 = (tid + 0) % 12; int j140 = (tid + 0) / 12;
   cplx u141;
-  int q142 = (tid + 8) % 12; int j143 = (tid + 8) / 12;
+  cplx u142;
+  cplx u143;
   cplx u144;
-  cplx u145;
-  cplx u146;
+  int q145 = (tid + 8) % 12; int j146 = (tid + 8) / 12;
   cplx u147;
-  int q148 = (tid + 16) % 12; int j149 = (tid + 16) / 12;
+  cplx u148;
+  cplx u149;
   cplx u150;
-  cplx u151;
-  cplx u152;
+  int q151 = (tid + 16) % 12; int j152 = (tid + 16) / 12;
   cplx u153;
-  int e154 = j137 * 1 + q136 / 12;
-  int k155 = (q136 % 12) * 1;
-  int e156 = j143 * 1 + q142 / 12;
-  int k157 = (q142 % 12) * 1;
-  int e158 = j149 * 1 + q148 / 12;
-  int k159 = (q148 % 12) * 1;
+  cplx u154;
+  cplx u155;
+  cplx u156;
+  int e157 = j140 * 1 + q139 / 12;
+  int k158 = (q139 % 12) * 1;
+  int e159 = j146 * 1 + q145 / 12;
+  int k160 = (q145 % 12) * 1;
+  int e161 = j152 * 1 + q151 / 12;
+  int k162 = (q151 % 12) * 1;
   v[wb + 0] = v89.x;
   v[wb + 1] = v115.x;
   v[wb + 2] = v117.x;
@@ -182,22 +184,22 @@ extern "C" __global__ void __launch_bounds__(64) kevra_fft(const iot* __restrict
   v[wb + 6] = v125.x;
   v[wb + 7] = v127.x;
   v[wb + 8] = v129.x;
-  v[wb + 9] = v131.x;
-  v[wb + 10] = v133.x;
-  v[wb + 11] = v135.x;
+  v[wb + 9] = v134.x;
+  v[wb + 10] = v136.x;
+  v[wb + 11] = v138.x;
   __syncthreads();
-  u138.x = v[((e154 + 0) % 8) * 13 + (e154 + 0) / 8 + k155];
-  u139.x = v[((e154 + 2) % 8) * 13 + (e154 + 2) / 8 + k155];
-  u140.x = v[((e154 + 4) % 8) * 13 + (e154 + 4) / 8 + k155];
-  u141.x = v[((e154 + 6) % 8) * 13 + (e154 + 6) / 8 + k155];
-  u144.x = v[((e156 + 0) % 8) * 13 + (e156 + 0) / 8 + k157];
-  u145.x = v[((e156 + 2) % 8) * 13 + (e156 + 2) / 8 + k157];
-  u146.x = v[((e156 + 4) % 8) * 13 + (e156 + 4) / 8 + k157];
-  u147.x = v[((e156 + 6) % 8) * 13 + (e156 + 6) / 8 + k157];
-  u150.x = v[((e158 + 0) % 8) * 13 + (e158 + 0) / 8 + k159];
-  u151.x = v[((e158 + 2) % 8) * 13 + (e158 + 2) / 8 + k159];
-  u152.x = v[((e158 + 4) % 8) * 13 + (e158 + 4) / 8 + k159];
-  u153.x = v[((e158 + 6) % 8) * 13 + (e158 + 6) / 8 + k159];
+  u141.x = v[((e157 + 0) % 8) * 13 + (e157 + 0) / 8 + k158];
+  u142.x = v[((e157 + 2) % 8) * 13 + (e157 + 2) / 8 + k158];
+  u143.x = v[((e157 + 4) % 8) * 13 + (e157 + 4) / 8 + k158];
+  u144.x = v[((e157 + 6) % 8) * 13 + (e157 + 6) / 8 + k158];
+  u147.x = v[((e159 + 0) % 8) * 13 + (e159 + 0) / 8 + k160];
+  u148.x = v[((e159 + 2) % 8) * 13 + (e159 + 2) / 8 + k160];
+  u149.x = v[((e159 + 4) % 8) * 13 + (e159 + 4) / 8 + k160];
+  u150.x = v[((e159 + 6) % 8) * 13 + (e159 + 6) / 8 + k160];
+  u153.x = v[((e161 + 0) % 8) * 13 + (e161 + 0) / 8 + k162];
+  u154.x = v[((e161 + 2) % 8) * 13 + (e161 + 2) / 8 + k162];
+  u155.x = v[((e161 + 4) % 8) * 13 + (e161 + 4) / 8 + k162];
+  u156.x = v[((e161 + 6) % 8) * 13 + (e161 + 6) / 8 + k162];
   __syncthreads();
   v[wb + 0] = v89.y;
   v[wb + 1] = v115.y;
@@ -208,200 +210,200 @@ extern "C" __global__ void __launch_bounds__(64) kevra_fft(const iot* __restrict
   v[wb + 6] = v125.y;
   v[wb + 7] = v127.y;
   v[wb + 8] = v129.y;
-  v[wb + 9] = v131.y;
-  v[wb + 10] = v133.y;
-  v[wb + 11] = v135.y;
+  v[wb + 9] = v134.y;
+  v[wb + 10] = v136.y;
+  v[wb + 11] = v138.y;
   __syncthreads();
-  u138.y = v[((e154 + 0) % 8) * 13 + (e154 + 0) / 8 + k155];
-  u139.y = v[((e154 + 2) % 8) * 13 + (e154 + 2) / 8 + k155];
-  u140.y = v[((e154 + 4) % 8) * 13 + (e154 + 4) / 8 + k155];
-  u141.y = v[((e154 + 6) % 8) * 13 + (e154 + 6) / 8 + k155];
-  u144.y = v[((e156 + 0) % 8) * 13 + (e156 + 0) / 8 + k157];
-  u145.y = v[((e156 + 2) % 8) * 13 + (e156 + 2) / 8 + k157];
-  u146.y = v[((e156 + 4) % 8) * 13 + (e156 + 4) / 8 + k157];
-  u147.y = v[((e156 + 6) % 8) * 13 + (e156 + 6) / 8 + k157];
-  u150.y = v[((e158 + 0) % 8) * 13 + (e158 + 0) / 8 + k159];
-  u151.y = v[((e158 + 2) % 8) * 13 + (e158 + 2) / 8 + k159];
-  u152.y = v[((e158 + 4) % 8) * 13 + (e158 + 4) / 8 + k159];
-  u153.y = v[((e158 + 6) % 8) * 13 + (e158 + 6) / 8 + k159];
+  u141.y = v[((e157 + 0) % 8) * 13 + (e157 + 0) / 8 + k158];
+  u142.y = v[((e157 + 2) % 8) * 13 + (e157 + 2) / 8 + k158];
+  u143.y = v[((e157 + 4) % 8) * 13 + (e157 + 4) / 8 + k158];
+  u144.y = v[((e157 + 6) % 8) * 13 + (e157 + 6) / 8 + k158];
+  u147.y = v[((e159 + 0) % 8) * 13 + (e159 + 0) / 8 + k160];
+  u148.y = v[((e159 + 2) % 8) * 13 + (e159 + 2) / 8 + k160];
+  u149.y = v[((e159 + 4) % 8) * 13 + (e159 + 4) / 8 + k160];
+  u150.y = v[((e159 + 6) % 8) * 13 + (e159 + 6) / 8 + k160];
+  u153.y = v[((e161 + 0) % 8) * 13 + (e161 + 0) / 8 + k162];
+  u154.y = v[((e161 + 2) % 8) * 13 + (e161 + 2) / 8 + k162];
+  u155.y = v[((e161 + 4) % 8) * 13 + (e161 + 4) / 8 + k162];
+  u156.y = v[((e161 + 6) % 8) * 13 + (e161 + 6) / 8 + k162];
   __syncthreads();
   // radix 4 in blocks of 8
-  cplx v160 = cadd(u138, u140);
-  cplx v161 = csub(u138, u140);
-  cplx v162 = cadd(u139, u141);
-  cplx v163 = csub(u139, u141);
-  cplx v164 = cadd(v160, v162);
-  cplx v165 = csub(v160, v162);
-  cplx v166 = cmk((float)6.123233995736766e-17, (float)-1);
-  cplx v167 = cmul(v163, v166);
-  cplx v168 = cadd(v161, v167);
-  cplx v169 = csub(v161, v167);
-  float a170 = (float)(-0.78539816339744828) * (float)(j137);
-  float c171, s172; __sincosf(a170, &s172, &c171);
-  cplx v173 = cmk((float)c171, (float)s172);
-  cplx v174 = cmul(v168, v173);
-  cplx v175 = cmul(v173, v173);
-  cplx v176 = cmul(v165, v175);
-  cplx v177 = cmul(v175, v173);
-  cplx v178 = cmul(v169, v177);
-  cplx v179 = cadd(u144, u146);
-  cplx v180 = csub(u144, u146);
-  cplx v181 = cadd(u145, u147);
-  cplx v182 = csub(u145, u147);
-  cplx v183 = cadd(v179, v181);
-  cplx v184 = csub(v179, v181);
-  cplx v185 = cmk((float)6.123233995736766e-17, (float)-1);
-  cplx v186 = cmul(v182, v185);
-  cplx v187 = cadd(v180, v186);
-  cplx v188 = csub(v180, v186);
-  float a189 = (float)(-0.78539816339744828) * (float)(j143);
-  float c190, s191; __sincosf(a189, &s191, &c190);
-  cplx v192 = cmk((float)c190, (float)s191);
-  cplx v193 = cmul(v187, v192);
-  cplx v194 = cmul(v192, v192);
-  cplx v195 = cmul(v184, v194);
-  cplx v196 = cmul(v194, v192);
-  cplx v197 = cmul(v188, v196);
-  cplx v198 = cadd(u150, u152);
-  cplx v199 = csub(u150, u152);
-  cplx v200 = cadd(u151, u153);
-  cplx v201 = csub(u151, u153);
-  cplx v202 = cadd(v198, v200);
-  cplx v203 = csub(v198, v200);
-  cplx v204 = cmk((float)6.123233995736766e-17, (float)-1);
-  cplx v205 = cmul(v201, v204);
-  cplx v206 = cadd(v199, v205);
-  cplx v207 = csub(v199, v205);
-  float a208 = (float)(-0.78539816339744828) * (float)(j149);
-  float c209, s210; __sincosf(a208, &s210, &c209);
-  cplx v211 = cmk((float)c209, (float)s210);
-  cplx v212 = cmul(v206, v211);
-  cplx v213 = cmul(v211, v211);
-  cplx v214 = cmul(v203, v213);
-  cplx v215 = cmul(v213, v211);
-  cplx v216 = cmul(v207, v215);
-  int q217 = 0; { int rem = tid + 0;
-    { int d = rem / 12; rem = rem % 12; q217 += d * 1; }
-    { int d = rem / 1; rem = rem % 1; q217 += d * 4; }
-  }
-  cplx u218;
-  cplx u219;
-  int q220 = 0; { int rem = tid + 8;
+  cplx v163 = cadd(u141, u143);
+  cplx v164 = csub(u141, u143);
+  cplx v165 = cadd(u142, u144);
+  cplx v166 = csub(u142, u144);
+  cplx v167 = cadd(v163, v165);
+  cplx v168 = csub(v163, v165);
+  cplx v169 = cmk((float)6.123233995736766e-17, (float)-1);
+  cplx v170 = cmul(v166, v169);
+  cplx v171 = cadd(v164, v170);
+  cplx v172 = csub(v164, v170);
+  float a173 = (float)(-0.78539816339744828) * (float)(j140);
+  float c174, s175; __sincosf(a173, &s175, &c174);
+  cplx v176 = cmk((float)c174, (float)s175);
+  cplx v177 = cmul(v171, v176);
+  cplx v178 = cmul(v176, v176);
+  cplx v179 = cmul(v168, v178);
+  cplx v180 = cmul(v178, v176);
+  cplx v181 = cmul(v172, v180);
+  cplx v182 = cadd(u147, u149);
+  cplx v183 = csub(u147, u149);
+  cplx v184 = cadd(u148, u150);
+  cplx v185 = csub(u148, u150);
+  cplx v186 = cadd(v182, v184);
+  cplx v187 = csub(v182, v184);
+  cplx v188 = cmk((float)6.123233995736766e-17, (float)-1);
+  cplx v189 = cmul(v185, v188);
+  cplx v190 = cadd(v183, v189);
+  cplx v191 = csub(v183, v189);
+  float a192 = (float)(-0.78539816339744828) * (float)(j146);
+  float c193, s194; __sincosf(a192, &s194, &c193);
+  cplx v195 = cmk((float)c193, (float)s194);
+  cplx v196 = cmul(v190, v195);
+  cplx v197 = cmul(v195, v195);
+  cplx v198 = cmul(v187, v197);
+  cplx v199 = cmul(v197, v195);
+  cplx v200 = cmul(v191, v199);
+  cplx v201 = cadd(u153, u155);
+  cplx v202 = csub(u153, u155);
+  cplx v203 = cadd(u154, u156);
+  cplx v204 = csub(u154, u156);
+  cplx v205 = cadd(v201, v203);
+  cplx v206 = csub(v201, v203);
+  cplx v207 = cmk((float)6.123233995736766e-17, (float)-1);
+  cplx v208 = cmul(v204, v207);
+  cplx v209 = cadd(v202, v208);
+  cplx v210 = csub(v202, v208);
+  float a211 = (float)(-0.78539816339744828) * (float)(j152);
+  float c212, s213; __sincosf(a211, &s213, &c212);
+  cplx v214 = cmk((float)c212, (float)s213);
+  cplx v215 = cmul(v209, v214);
+  cplx v216 = cmul(v214, v214);
+  cplx v217 = cmul(v206, v216);
+  cplx v218 = cmul(v216, v214);
+  cplx v219 = cmul(v210, v218);
+  int q220 = 0; { int rem = tid + 0;
     { int d = rem / 12; rem = rem % 12; q220 += d * 1; }
     { int d = rem / 1; rem = rem % 1; q220 += d * 4; }
   }
   cplx u221;
   cplx u222;
-  int q223 = 0; { int rem = tid + 16;
+  int q223 = 0; { int rem = tid + 8;
     { int d = rem / 12; rem = rem % 12; q223 += d * 1; }
     { int d = rem / 1; rem = rem % 1; q223 += d * 4; }
   }
   cplx u224;
   cplx u225;
-  int q226 = 0; { int rem = tid + 24;
+  int q226 = 0; { int rem = tid + 16;
     { int d = rem / 12; rem = rem % 12; q226 += d * 1; }
     { int d = rem / 1; rem = rem % 1; q226 += d * 4; }
   }
   cplx u227;
   cplx u228;
-  int q229 = 0; { int rem = tid + 32;
+  int q229 = 0; { int rem = tid + 24;
     { int d = rem / 12; rem = rem % 12; q229 += d * 1; }
     { int d = rem / 1; rem = rem % 1; q229 += d * 4; }
   }
   cplx u230;
   cplx u231;
-  int q232 = 0; { int rem = tid + 40;
+  int q232 = 0; { int rem = tid + 32;
     { int d = rem / 12; rem = rem % 12; q232 += d * 1; }
     { int d = rem / 1; rem = rem % 1; q232 += d * 4; }
   }
   cplx u233;
   cplx u234;
-  int e235 = 0 * 12 + q217 / 4;
-  int k236 = (q217 % 4) * 3;
-  int e237 = 0 * 12 + q220 / 4;
-  int k238 = (q220 % 4) * 3;
-  int e239 = 0 * 12 + q223 / 4;
-  int k240 = (q223 % 4) * 3;
-  int e241 = 0 * 12 + q226 / 4;
-  int k242 = (q226 % 4) * 3;
-  int e243 = 0 * 12 + q229 / 4;
-  int k244 = (q229 % 4) * 3;
-  int e245 = 0 * 12 + q232 / 4;
-  int k246 = (q232 % 4) * 3;
-  v[wb + 0] = v164.x;
-  v[wb + 3] = v174.x;
-  v[wb + 6] = v176.x;
-  v[wb + 9] = v178.x;
-  v[wb + 1] = v183.x;
-  v[wb + 4] = v193.x;
-  v[wb + 7] = v195.x;
-  v[wb + 10] = v197.x;
-  v[wb + 2] = v202.x;
-  v[wb + 5] = v212.x;
-  v[wb + 8] = v214.x;
-  v[wb + 11] = v216.x;
+  int q235 = 0; { int rem = tid + 40;
+    { int d = rem / 12; rem = rem % 12; q235 += d * 1; }
+    { int d = rem / 1; rem = rem % 1; q235 += d * 4; }
+  }
+  cplx u236;
+  cplx u237;
+  int e238 = 0 * 12 + q220 / 4;
+  int k239 = (q220 % 4) * 3;
+  int e240 = 0 * 12 + q223 / 4;
+  int k241 = (q223 % 4) * 3;
+  int e242 = 0 * 12 + q226 / 4;
+  int k243 = (q226 % 4) * 3;
+  int e244 = 0 * 12 + q229 / 4;
+  int k245 = (q229 % 4) * 3;
+  int e246 = 0 * 12 + q232 / 4;
+  int k247 = (q232 % 4) * 3;
+  int e248 = 0 * 12 + q235 / 4;
+  int k249 = (q235 % 4) * 3;
+  v[wb + 0] = v167.x;
+  v[wb + 3] = v177.x;
+  v[wb + 6] = v179.x;
+  v[wb + 9] = v181.x;
+  v[wb + 1] = v186.x;
+  v[wb + 4] = v196.x;
+  v[wb + 7] = v198.x;
+  v[wb + 10] = v200.x;
+  v[wb + 2] = v205.x;
+  v[wb + 5] = v215.x;
+  v[wb + 8] = v217.x;
+  v[wb + 11] = v219.x;
   __syncthreads();
-  u218.x = v[((e235 + 0) % 8) * 13 + (e235 + 0) / 8 + k236];
-  u219.x = v[((e235 + 12) % 8) * 13 + (e235 + 12) / 8 + k236];
-  u221.x = v[((e237 + 0) % 8) * 13 + (e237 + 0) / 8 + k238];
-  u222.x = v[((e237 + 12) % 8) * 13 + (e237 + 12) / 8 + k238];
-  u224.x = v[((e239 + 0) % 8) * 13 + (e239 + 0) / 8 + k240];
-  u225.x = v[((e239 + 12) % 8) * 13 + (e239 + 12) / 8 + k240];
-  u227.x = v[((e241 + 0) % 8) * 13 + (e241 + 0) / 8 + k242];
-  u228.x = v[((e241 + 12) % 8) * 13 + (e241 + 12) / 8 + k242];
-  u230.x = v[((e243 + 0) % 8) * 13 + (e243 + 0) / 8 + k244];
-  u231.x = v[((e243 + 12) % 8) * 13 + (e243 + 12) / 8 + k244];
-  u233.x = v[((e245 + 0) % 8) * 13 + (e245 + 0) / 8 + k246];
-  u234.x = v[((e245 + 12) % 8) * 13 + (e245 + 12) / 8 + k246];
+  u221.x = v[((e238 + 0) % 8) * 13 + (e238 + 0) / 8 + k239];
+  u222.x = v[((e238 + 12) % 8) * 13 + (e238 + 12) / 8 + k239];
+  u224.x = v[((e240 + 0) % 8) * 13 + (e240 + 0) / 8 + k241];
+  u225.x = v[((e240 + 12) % 8) * 13 + (e240 + 12) / 8 + k241];
+  u227.x = v[((e242 + 0) % 8) * 13 + (e242 + 0) / 8 + k243];
+  u228.x = v[((e242 + 12) % 8) * 13 + (e242 + 12) / 8 + k243];
+  u230.x = v[((e244 + 0) % 8) * 13 + (e244 + 0) / 8 + k245];
+  u231.x = v[((e244 + 12) % 8) * 13 + (e244 + 12) / 8 + k245];
+  u233.x = v[((e246 + 0) % 8) * 13 + (e246 + 0) / 8 + k247];
+  u234.x = v[((e246 + 12) % 8) * 13 + (e246 + 12) / 8 + k247];
+  u236.x = v[((e248 + 0) % 8) * 13 + (e248 + 0) / 8 + k249];
+  u237.x = v[((e248 + 12) % 8) * 13 + (e248 + 12) / 8 + k249];
   __syncthreads();
-  v[wb + 0] = v164.y;
-  v[wb + 3] = v174.y;
-  v[wb + 6] = v176.y;
-  v[wb + 9] = v178.y;
-  v[wb + 1] = v183.y;
-  v[wb + 4] = v193.y;
-  v[wb + 7] = v195.y;
-  v[wb + 10] = v197.y;
-  v[wb + 2] = v202.y;
-  v[wb + 5] = v212.y;
-  v[wb + 8] = v214.y;
-  v[wb + 11] = v216.y;
+  v[wb + 0] = v167.y;
+  v[wb + 3] = v177.y;
+  v[wb + 6] = v179.y;
+  v[wb + 9] = v181.y;
+  v[wb + 1] = v186.y;
+  v[wb + 4] = v196.y;
+  v[wb + 7] = v198.y;
+  v[wb + 10] = v200.y;
+  v[wb + 2] = v205.y;
+  v[wb + 5] = v215.y;
+  v[wb + 8] = v217.y;
+  v[wb + 11] = v219.y;
   __syncthreads();
-  u218.y = v[((e235 + 0) % 8) * 13 + (e235 + 0) / 8 + k236];
-  u219.y = v[((e235 + 12) % 8) * 13 + (e235 + 12) / 8 + k236];
-  u221.y = v[((e237 + 0) % 8) * 13 + (e237 + 0) / 8 + k238];
-  u222.y = v[((e237 + 12) % 8) * 13 + (e237 + 12) / 8 + k238];
-  u224.y = v[((e239 + 0) % 8) * 13 + (e239 + 0) / 8 + k240];
-  u225.y = v[((e239 + 12) % 8) * 13 + (e239 + 12) / 8 + k240];
-  u227.y = v[((e241 + 0) % 8) * 13 + (e241 + 0) / 8 + k242];
-  u228.y = v[((e241 + 12) % 8) * 13 + (e241 + 12) / 8 + k242];
-  u230.y = v[((e243 + 0) % 8) * 13 + (e243 + 0) / 8 + k244];
-  u231.y = v[((e243 + 12) % 8) * 13 + (e243 + 12) / 8 + k244];
-  u233.y = v[((e245 + 0) % 8) * 13 + (e245 + 0) / 8 + k246];
-  u234.y = v[((e245 + 12) % 8) * 13 + (e245 + 12) / 8 + k246];
+  u221.y = v[((e238 + 0) % 8) * 13 + (e238 + 0) / 8 + k239];
+  u222.y = v[((e238 + 12) % 8) * 13 + (e238 + 12) / 8 + k239];
+  u224.y = v[((e240 + 0) % 8) * 13 + (e240 + 0) / 8 + k241];
+  u225.y = v[((e240 + 12) % 8) * 13 + (e240 + 12) / 8 + k241];
+  u227.y = v[((e242 + 0) % 8) * 13 + (e242 + 0) / 8 + k243];
+  u228.y = v[((e242 + 12) % 8) * 13 + (e242 + 12) / 8 + k243];
+  u230.y = v[((e244 + 0) % 8) * 13 + (e244 + 0) / 8 + k245];
+  u231.y = v[((e244 + 12) % 8) * 13 + (e244 + 12) / 8 + k245];
+  u233.y = v[((e246 + 0) % 8) * 13 + (e246 + 0) / 8 + k247];
+  u234.y = v[((e246 + 12) % 8) * 13 + (e246 + 12) / 8 + k247];
+  u236.y = v[((e248 + 0) % 8) * 13 + (e248 + 0) / 8 + k249];
+  u237.y = v[((e248 + 12) % 8) * 13 + (e248 + 12) / 8 + k249];
   // radix 2 in blocks of 2
-  cplx v247 = cadd(u218, u219);
-  cplx v248 = csub(u218, u219);
-  cplx v249 = cadd(u221, u222);
-  cplx v250 = csub(u221, u222);
-  cplx v251 = cadd(u224, u225);
-  cplx v252 = csub(u224, u225);
-  cplx v253 = cadd(u227, u228);
-  cplx v254 = csub(u227, u228);
-  cplx v255 = cadd(u230, u231);
-  cplx v256 = csub(u230, u231);
-  cplx v257 = cadd(u233, u234);
-  cplx v258 = csub(u233, u234);
-  if (batch < nrows) { out[batch * 96 + tid + 0] = make_float2((float)(v247.x * INVSC),(float)(-(v247.y * INVSC))); }
-  if (batch < nrows) { out[batch * 96 + tid + 48] = make_float2((float)(v248.x * INVSC),(float)(-(v248.y * INVSC))); }
-  if (batch < nrows) { out[batch * 96 + tid + 8] = make_float2((float)(v249.x * INVSC),(float)(-(v249.y * INVSC))); }
-  if (batch < nrows) { out[batch * 96 + tid + 56] = make_float2((float)(v250.x * INVSC),(float)(-(v250.y * INVSC))); }
-  if (batch < nrows) { out[batch * 96 + tid + 16] = make_float2((float)(v251.x * INVSC),(float)(-(v251.y * INVSC))); }
-  if (batch < nrows) { out[batch * 96 + tid + 64] = make_float2((float)(v252.x * INVSC),(float)(-(v252.y * INVSC))); }
-  if (batch < nrows) { out[batch * 96 + tid + 24] = make_float2((float)(v253.x * INVSC),(float)(-(v253.y * INVSC))); }
-  if (batch < nrows) { out[batch * 96 + tid + 72] = make_float2((float)(v254.x * INVSC),(float)(-(v254.y * INVSC))); }
-  if (batch < nrows) { out[batch * 96 + tid + 32] = make_float2((float)(v255.x * INVSC),(float)(-(v255.y * INVSC))); }
-  if (batch < nrows) { out[batch * 96 + tid + 80] = make_float2((float)(v256.x * INVSC),(float)(-(v256.y * INVSC))); }
-  if (batch < nrows) { out[batch * 96 + tid + 40] = make_float2((float)(v257.x * INVSC),(float)(-(v257.y * INVSC))); }
-  if (batch < nrows) { out[batch * 96 + tid + 88] = make_float2((float)(v258.x * INVSC),(float)(-(v258.y * INVSC))); }
+  cplx v250 = cadd(u221, u222);
+  cplx v251 = csub(u221, u222);
+  cplx v252 = cadd(u224, u225);
+  cplx v253 = csub(u224, u225);
+  cplx v254 = cadd(u227, u228);
+  cplx v255 = csub(u227, u228);
+  cplx v256 = cadd(u230, u231);
+  cplx v257 = csub(u230, u231);
+  cplx v258 = cadd(u233, u234);
+  cplx v259 = csub(u233, u234);
+  cplx v260 = cadd(u236, u237);
+  cplx v261 = csub(u236, u237);
+  if (batch < nrows) { out[batch * 96 + tid + 0] = make_float2((float)(v250.x * INVSC),(float)(-(v250.y * INVSC))); }
+  if (batch < nrows) { out[batch * 96 + tid + 48] = make_float2((float)(v251.x * INVSC),(float)(-(v251.y * INVSC))); }
+  if (batch < nrows) { out[batch * 96 + tid + 8] = make_float2((float)(v252.x * INVSC),(float)(-(v252.y * INVSC))); }
+  if (batch < nrows) { out[batch * 96 + tid + 56] = make_float2((float)(v253.x * INVSC),(float)(-(v253.y * INVSC))); }
+  if (batch < nrows) { out[batch * 96 + tid + 16] = make_float2((float)(v254.x * INVSC),(float)(-(v254.y * INVSC))); }
+  if (batch < nrows) { out[batch * 96 + tid + 64] = make_float2((float)(v255.x * INVSC),(float)(-(v255.y * INVSC))); }
+  if (batch < nrows) { out[batch * 96 + tid + 24] = make_float2((float)(v256.x * INVSC),(float)(-(v256.y * INVSC))); }
+  if (batch < nrows) { out[batch * 96 + tid + 72] = make_float2((float)(v257.x * INVSC),(float)(-(v257.y * INVSC))); }
+  if (batch < nrows) { out[batch * 96 + tid + 32] = make_float2((float)(v258.x * INVSC),(float)(-(v258.y * INVSC))); }
+  if (batch < nrows) { out[batch * 96 + tid + 80] = make_float2((float)(v259.x * INVSC),(float)(-(v259.y * INVSC))); }
+  if (batch < nrows) { out[batch * 96 + tid + 40] = make_float2((float)(v260.x * INVSC),(float)(-(v260.y * INVSC))); }
+  if (batch < nrows) { out[batch * 96 + tid + 88] = make_float2((float)(v261.x * INVSC),(float)(-(v261.y * INVSC))); }
 }

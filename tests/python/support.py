@@ -42,6 +42,7 @@ def fft_reference(x, inverse):
 FFT_ERROR = {DOUBLE: (2**-52, 1.0, 4.0), FLOAT: (2**-23, 2.5, 4.0)}
 PRIME_ERROR = {DOUBLE: 1.5, FLOAT: 3.0}
 LONG_ERROR = {DOUBLE: 2.0, FLOAT: 4.0}  # the chirp's convolution, and two passes through device memory
+CHIRP_ELEMENT_ERROR = 6.0  # its values are larger than the result's, and with them the rounding
 
 
 def assert_fft(got, want, prec, what, times=1, op="fft", n=None):
@@ -58,7 +59,9 @@ def assert_fft(got, want, prec, what, times=1, op="fft", n=None):
     route = kevra.route_explain(op, n, arithmetic)
     if route["bluestein"] or route["core"] == "four_step":
         of_row = LONG_ERROR[arithmetic]
-    elif route["rader_prime"]:
+        if route["bluestein"]:
+            of_element = CHIRP_ELEMENT_ERROR
+    elif max(route["schedule"], default=1) > 16:
         of_row = PRIME_ERROR[arithmetic]
     size = np.sqrt(np.square(abs(want)).mean(axis=-1)) * eps * times
     row = np.sqrt(np.square(abs(error)).mean(axis=-1))

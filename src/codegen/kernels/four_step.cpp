@@ -3,6 +3,8 @@
 #include "codegen/format.h"
 #include "codegen/kernel_signature.h"
 #include "codegen/kernel_writer.h"
+#include "codegen/kernels/half_spectrum.h"
+#include "codegen/kernels/spectrum_output.h"
 #include "codegen/precision.h"
 #include "codegen/prelude.h"
 #include "codegen/stages.h"
@@ -125,20 +127,6 @@ void store_columns(KernelWriter& w, const ColumnPass& p) {
   });
 }
 
-// zk and zn, which are Z[k] and Z[m - k], to the parts that even and odd samples have in a bin, or
-// from bins k and m - k to twice the parts that they have in z.
-void emit_even_odd(KernelWriter& w, const char* zk, const char* zn) {
-  const std::string t = w.backend.scalar_type(w.prec);
-  w.stmt("$ er = ($)0.5 * ($.x + $.x), ei = ($)0.5 * ($.y - $.y);", t, t, zk, zn, t, zk, zn);
-  w.stmt("$ or_ = ($)0.5 * ($.x - $.x), oi = ($)0.5 * ($.y + $.y);", t, t, zk, zn, t, zk, zn);
-}
-void emit_turned(KernelWriter& w, int n, bool conjugate) {
-  const std::string t = w.backend.scalar_type(w.prec);
-  const std::string root = w.twiddle("k", n, false, conjugate);
-  w.stmt("$ tr = $.x * or_ - $.y * oi;", t, root, root);
-  w.stmt("$ ti = $.x * oi + $.y * or_;", t, root, root);
-}
-
 // Head of the kernels with a thread a value.
 std::string step_head(const RealStep& s, const KernelSignature& signature) {
   return prelude(s.compute, s.storage == kHalf, signature.backend) + signature.head();
@@ -257,7 +245,8 @@ std::string real_pass_source(const RealPass& p, const Backend& backend) {
 }
 
 std::string RealStep::split_key() const {
-  return key_of("crsplit", {n, compute, storage}) + "_m0";
+  return key_of("crsplit", {n, compute, storage}) + "_m" + std::to_string(form) +
+         eps_key(form, eps);
 }
 std::string RealStep::pack_key() const {
   return key_of("crpack", {n, compute, storage});
@@ -265,7 +254,7 @@ std::string RealStep::pack_key() const {
 
 std::string real_split_source(const RealStep& s, const Backend& backend) {
   const std::string m = std::to_string(s.m());
-  const std::string out = complex_type(s.compute, s.storage, backend);
+  const std::string out = output_type(backend, s.form, s.storage);
   KernelWriter w(s.compute, backend);
   register_twiddle_table(w, s.compute, s.n, "tw", {});
   w.stmt("I64 k = (I64)$ * $ + $;", backend.block_index_x(), RealStep::kBlock,
@@ -278,14 +267,14 @@ std::string real_split_source(const RealStep& s, const Backend& backend) {
   w.stmt("cplx zn = zb[k == 0 ? 0 : $ - (k < $ ? k : $)];", m, m, m);
   emit_even_odd(w, "zk", "zn");
   emit_turned(w, s.n, false);
-  w.stmt("ob[k] = $;", backend.make_vector2(s.storage, "er + ti", "ei - tr"));
-  return step_head(s, step_signature(RealStep::kSplit, backend, "z", "cplx", "out", out)) +
+  emit_output_element(w, s.form, s.storage, "ob[k]", "er + ti", "ei - tr");
+  return eps_define(s.form, s.eps) +
+         step_head(s, step_signature(RealStep::kSplit, backend, "z", "cplx", "out", out)) +
          w.str() + "}\n";
 }
 
 std::string real_pack_source(const RealStep& s, const Backend& backend) {
   const std::string in = complex_type(s.compute, s.storage, backend);
-  const std::string cast = "(" + backend.scalar_type(s.compute) + ")";
   KernelWriter w(s.compute, backend);
   register_twiddle_table(w, s.compute, s.n, "tw", {});
   w.stmt("I64 k = (I64)$ * $ + $;", backend.block_index_x(), RealStep::kBlock,
@@ -294,12 +283,7 @@ std::string real_pack_source(const RealStep& s, const Backend& backend) {
   w.stmt("I64 row = $;", backend.block_index_y());
   w.stmt("const DEV $* xb = x + row * $;", in, s.m() + 1);
   w.stmt("DEV cplx* zb = z + row * $;", s.m());
-  w.stmt("cplx xk; { $ v = xb[k]; xk = cmk($v.x, $v.y); }", in, cast, cast);
-  w.stmt("cplx xn; { $ v = xb[$ - k]; xn = cmk($v.x, $v.y); }", in, s.m(), cast, cast);
-  w.line("  // bins of real rows: the first and the last are real");
-  w.stmt("if (k == 0) { xk.y = 0; xn.y = 0; }");
-  emit_even_odd(w, "xk", "xn");
-  emit_turned(w, s.n, true);
+  emit_packed_bin(w, s.n, s.storage, "xb[k]", format("xb[$ - k]", {std::to_string(s.m())}));
   w.stmt("zb[k] = cmk(er - ti, ei + tr);");
   return step_head(s, step_signature(RealStep::kPack, backend, "x", in, "z", "cplx")) + w.str() +
          "}\n";

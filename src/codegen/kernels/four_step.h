@@ -76,7 +76,9 @@ struct RealStep {
 
   int n;
   int compute;
-  int storage;  // of the bins
+  int storage;     // of the bins
+  int form = 0;    // of the bins that the split stores: spectrum_output.h
+  double eps = 0;  // of the decibel form
 
   int m() const { return n / 2; }
   std::string split_key() const;

@@ -40,10 +40,7 @@ std::vector<std::complex<T>> chirp_of(int n, bool inverse) {
 }
 
 uint64_t table_key(uint64_t seed, int n, int m, bool inverse, size_t scalar_bytes) {
-  for (uint64_t v : {uint64_t(n), uint64_t(m), uint64_t(inverse), uint64_t(scalar_bytes)}) {
-    seed = combine(seed, v);
-  }
-  return seed;
+  return key_of({seed, uint64_t(n), uint64_t(m), uint64_t(inverse), uint64_t(scalar_bytes)});
 }
 
 template <class T>

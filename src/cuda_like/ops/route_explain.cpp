@@ -9,6 +9,7 @@
 #include "codegen/stft_config.h"
 #include "cuda_like/device.h"
 #include "cuda_like/ops/guards.h"
+#include "cuda_like/ops/istft_route.h"
 
 namespace kevra::ops {
 namespace {
@@ -33,8 +34,8 @@ void explain_frames(RouteReport& report, int n_fft, int prec, int64_t cap) {
   report.emplace_back("n2", int64_t{s.n2});
 }
 
-void explain_istft(RouteReport& report, int n_fft, int length, int prec, int64_t cap) {
-  const bool fits = fits_shared(length, prec, cap) && !needs_bluestein(length);
+void explain_istft(RouteReport& report, int n_fft, int prec, int64_t cap) {
+  const bool fits = !istft_is_staged(n_fft, prec, cap);
   const char* core = !fits ? "four_step" : is_power_of_two(n_fft) ? "cooley_tukey" : "mixed";
   report.emplace_back("core", std::string(core));
   report.emplace_back("staged", !fits);
@@ -88,7 +89,7 @@ RouteReport route_explain(const std::string& op, int64_t n_wide, int prec, int d
   if (frames) {
     explain_frames(report, n_fft, compute, cap);
   } else if (op == "istft") {
-    explain_istft(report, n_fft, length, compute, cap);
+    explain_istft(report, n_fft, compute, cap);
   } else {
     explain_transform(report, n_fft, length, compute, cap);
   }

@@ -36,4 +36,16 @@ pybind11::array_t<T> to_numpy(PinnedArray<T>&& result) {
   return pybind11::array_t<T>(result.shape, data, owner);
 }
 
+// The same for spectrograms, (batch, frames, bins) in memory: the view (batch, bins, frames).
+template <class T>
+pybind11::array_t<T> frames_last(PinnedArray<T>&& result) {
+  const std::vector<int64_t> shape{result.shape[0], result.shape[2], result.shape[1]};
+  const int64_t bins = shape[1];
+  const int64_t bytes = sizeof(T);
+  const std::vector<int64_t> strides{shape[2] * bins * bytes, bytes, bins * bytes};
+  pybind11::capsule owner(result.block.p, [](void* block) { pinned_free(block); });
+  auto* data = static_cast<T*>(result.block.release());
+  return pybind11::array_t<T>(shape, strides, data, owner);
+}
+
 }  // namespace kevra::bindings

@@ -1,0 +1,103 @@
+#include "cuda_like/ops/mel.h"
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+#include "rocm/bindings/arrays.h"
+#include "rocm/bindings/bindings.h"
+#include "rocm/bindings/windows.h"
+
+namespace py = pybind11;
+
+namespace kevra::bindings {
+namespace {
+
+// The filter bank argument of Python callers. Lives as long as the call that it is the argument of.
+struct BankArgument {
+  explicit BankArgument(const py::object& object) : array(object) {
+    if (array.ndim() != 2) {
+      throw std::invalid_argument("mel: fb has " + std::to_string(array.ndim()) +
+                                  " dimensions, must be a 2-D (n_mels, n_fft // 2 + 1) array");
+    }
+    bank = filter_bank(array.data(), array.shape(0), array.shape(1));
+  }
+
+  py::array_t<double, py::array::c_style | py::array::forcecast> array;
+  FilterBank bank;
+};
+
+template <class T>
+py::object mel_staged(const py::object& y, const ops::MelOptions& options) {
+  const ContiguousArray<T> input(y);
+  return frames_last(ops::mel_staged<T>(input.view(), options));
+}
+
+}  // namespace
+
+void bind_mel(py::module_& m) {
+  m.def(
+      "mel_staged",
+      [](const py::object& y, const py::object& window, const py::object& fb, int64_t n_fft,
+         int64_t hop, bool center, double power, const std::string& output, double eps) {
+        const bool wide = is_double_input(y);
+        const WindowArgument shape(window);
+        const BankArgument argument(fb);
+        const ops::MelOptions options{argument.bank,       n_fft, hop,       center, power,
+                                      output_form(output), eps,   shape.spec};
+        return wide ? mel_staged<double>(y, options) : mel_staged<float>(y, options);
+      },
+      py::arg("y"), py::arg("window"), py::arg("fb"), py::arg("n_fft"), py::arg("hop"),
+      py::arg("center"), py::arg("power"), py::arg("output"), py::arg("eps") = 1e-10,
+      R"(Bands of short-time spectra: band m of a frame is the sum of fb[m, k] |X[k]|**power over the bins k, X being
+the transform that stft_staged computes.
+
+y: array (batch, samples); float64 is computed in double, all else in float.
+window, n_fft, hop, center: as in stft_staged.
+fb: array (n_mels, n_fft // 2 + 1) of any real weights, as mel_filter_bank makes it; read as float64. A bank is packed
+and uploaded once and known by a hash from then on. The hash reads the first 512 values and, of a larger bank, every
+s-th value with s = size // 512: banks that differ only between those count as one, the first of them.
+power: 1 for magnitudes, 2 for powers.
+output: "magnitude" is the square root of a band, "db" 10 log10(band + eps), with no reference level; anything else
+is the band itself.
+Returns (batch, n_mels, frames) with frames = (samples + 2 pad - n_fft) // hop + 1; a view whose bands are adjacent
+in memory.
+Raises ValueError for bad shapes, sizes, banks, windows, power and eps, TypeError for float16, RuntimeError when HIP
+fails.
+Source: S. S. Stevens, J. Volkmann and E. B. Newman, A scale for the measurement of the psychological magnitude
+pitch, J. Acoust. Soc. Am. 8, 1937; S. B. Davis and P. Mermelstein, Comparison of parametric representations for
+monosyllabic word recognition in continuously spoken sentences, IEEE Trans. ASSP 28, 1980.)");
+  m.def(
+      "mel_resident",
+      [](uintptr_t x_ptr, uintptr_t mel_ptr, int64_t batch, int64_t length, const py::object& fb,
+         int64_t n_fft, int64_t hop, bool center, double power, const std::string& output,
+         double eps, const py::object& window, int prec, int device, uintptr_t stream) {
+        const WindowArgument shape(window);
+        const BankArgument argument(fb);
+        ops::mel_resident({.y = reinterpret_cast<devptr_t>(x_ptr),
+                           .mel = reinterpret_cast<devptr_t>(mel_ptr),
+                           .batch = batch,
+                           .length = length,
+                           .options = {argument.bank, n_fft, hop, center, power,
+                                       output_form(output), eps, shape.spec},
+                           .device = device,
+                           .stream = reinterpret_cast<stream_t>(stream)},
+                          prec);
+      },
+      py::arg("x_ptr"), py::arg("mel_ptr"), py::arg("batch"), py::arg("length"), py::arg("fb"),
+      py::arg("n_fft"), py::arg("hop"), py::arg("center"), py::arg("power"), py::arg("output"),
+      py::arg("eps"), py::arg("window"), py::arg("prec"), py::arg("device") = 0,
+      py::arg("stream") = 0,
+      R"(Bands of short-time spectra on device memory; queues the work on `stream` and returns.
+
+x_ptr, mel_ptr: addresses on `device` of (batch, length) samples and (batch, frames, n_mels) real values, row-major.
+fb: a host array, as in mel_staged; keep it float64 and C-contiguous, or every call converts it. The hash that knows
+it again is sampled, as told there. n_fft, hop, center, power, output, eps, window: as in mel_staged.
+prec: 0 half storage with float arithmetic, 1 float, 2 double, 3 half storage with half transforms where n_fft is a
+power of two. stream: raw handle, 0 the null stream.
+Pointers are not checked. The first call for a bank waits for the device. Raises ValueError for sizes out of bounds,
+RuntimeError when HIP fails.
+Source: as mel_staged.)");
+}
+
+}  // namespace kevra::bindings
