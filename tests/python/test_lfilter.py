@@ -27,7 +27,8 @@ def block(b, a, seq=16):
     p = len(a)
     step = np.zeros((p, p))
     step[:1], step[np.arange(1, p), np.arange(p - 1)] = -a, 1
-    powers = [np.linalg.matrix_power(step, seq << level).ravel() for level in range(8)] if p else []
+    with np.errstate(over="ignore", invalid="ignore"):  # powers of a filter that is not stable
+        powers = [np.linalg.matrix_power(step, seq << level).ravel() for level in range(8)] if p else []
     return np.concatenate([b, a, *powers]).astype(b.dtype)
 
 
@@ -278,5 +279,5 @@ def test_neighbouring_threads_touch_neighbouring_samples(tmp_path):
         launch = json.loads(profile.read_text().splitlines()[-1])
         row = 8 * TILE * np.dtype(STORAGE[prec]).itemsize
         assert launch["bytes_written"] == row
-        # Each sample once in and once out, the two before each tile again, three taps for every 32 threads.
-        assert launch["segment_bytes"] <= 2.1 * row, launch
+        # Each sample once in and once out; a tile's two before it and, for every 32 threads, three taps.
+        assert launch["segment_bytes"] == 2 * row + 64 * 8 * (256 // 32 * 3 + 1) - 64, launch

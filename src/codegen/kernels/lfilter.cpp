@@ -24,14 +24,15 @@ struct Emitter {
     if (kernel.seq <= kLongestUnrolled) w.line("#pragma unroll");
   }
 
-  // Neighbouring threads read neighbouring samples; stretches are then read from shared memory.
+  // Neighbouring threads read neighbouring samples, from where the tile begins, since a wave's
+  // access is then whole segments; stretches are read from shared memory.
   void load_tile() {
-    w.stmt("  for (int i = tid; i < HEAD + TILE; i += NTH) {");
+    w.stmt("  for (int i = tid; i < TILE; i += NTH)");
+    w.stmt("    xs[SHP(HEAD + i)] = base + i < n ? x[row * n + base + i] : ($)0;", t);
+    w.stmt("  for (int i = tid; i < HEAD; i += NTH) {");
     w.stmt("    I64 at = base - HEAD + i;");
-    w.stmt("    $ v = ($)0;", t, t);
-    w.stmt("    if (at < 0) { if (hzi) v = xh[row * HEAD + HEAD + at]; }");
-    w.stmt("    else if (at < n) v = x[row * n + at];");
-    w.stmt("    xs[SHP(i)] = v;");
+    w.stmt("    xs[SHP(i)] = at >= 0 ? x[row * n + at] : hzi ? xh[row * HEAD + HEAD + at] : ($)0;",
+           t);
     w.stmt("  }");
     w.barrier();
   }
