@@ -101,7 +101,8 @@ cf_ptr: a coefficient block as lfilter_pack_resident writes it. prec: 2 double, 
 xh_ptr, zy_ptr: (rows, m1 - 1) inputs before each row, oldest first, and (rows, p) outputs, latest first; 0 for both
 starts from rest, else both are needed where they have values.
 threads: most threads a row, a power of two up to 256. seq: samples a thread; 16 with a block of
-lfilter_pack_resident. stream: raw handle, 0 the null stream.
+lfilter_pack_resident, and with any other value the call waits for `stream` to look at the block. stream: raw handle,
+0 the null stream.
 Pointers are not checked. Nothing is queued for no samples. Raises ValueError for values out of bounds, RuntimeError
 when HIP fails.)");
 }
