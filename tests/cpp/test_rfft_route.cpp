@@ -63,7 +63,7 @@ TEST(RfftRoute, TakesTheKernelOfItsSize) {
   EXPECT_EQ(forward(16, "double"), "shared-memory 16x4");
   EXPECT_EQ(forward(512, "float"), "register [8 8 4] x2 4096");
   EXPECT_EQ(forward(512, "half"), "register [16 16] x4 8192");
-  EXPECT_EQ(forward(2048, "float"), "register [32 32] x2 16384");
+  EXPECT_EQ(forward(2048, "float"), "register [8 8 8 2] x1 8192");
   EXPECT_EQ(forward(2048, "half"), "register [16 16 4] x1 8192");
   EXPECT_EQ(inverse(8192, "double"), "register [16 16 16] x1 35072");
   EXPECT_EQ(forward(96, "float"), "register [6 2 2 2] x8 3072");

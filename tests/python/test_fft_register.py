@@ -46,7 +46,9 @@ def test_register_routes(route, direction):
     with Device() as device:
         parts, got = check(device, 11, n, prec, inverse, device.stream())
         np.testing.assert_array_equal(resident(device, parts, inverse, prec, in_place=True), got)
-        np.testing.assert_array_equal(resident(device, parts[:1], inverse, prec), got[:1])
+        # A row alone runs in another compile of the kernel than rows side by side may.
+        alone = resident(device, parts[:1], inverse, prec).astype(float)
+        assert np.abs(alone - got[:1]).max() <= 4 * np.finfo(got.dtype).eps * np.abs(got[:1]).max()
         hint(n, prec, inverse, core=1)
         shared = resident(device, parts, inverse, prec)
     if prec in (FLOAT, DOUBLE):  # the kernels round differently: the route was taken

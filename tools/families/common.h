@@ -18,6 +18,7 @@ inline const Parameter precision{"prec", kevra::codegen::kFloat, kevra::codegen:
                                  kevra::codegen::kDouble, "0 half storage, 1 float, 2 double"};
 
 Family rms_family();
+Family onset_family();
 Family fft_family();
 Family fft_register_family();
 Family db_family();
@@ -29,5 +30,12 @@ Family stft_family();
 Family istft_family();
 Family mel_family();
 Family mel_bands_family();
+Family lfilter_family();
+Family lfilter_pack_family();
+Family lfilter_basis_family();
+Family conv_pad_family();
+Family conv_multiply_family();
+Family conv_slice_family();
+Family conv_direct_family();
 
 }  // namespace kevra_tools

@@ -70,6 +70,9 @@ KEVRA_DEVICE float kevra_fma(float x, float y, float z) {
 KEVRA_DEVICE double kevra_fma(double x, double y, double z) {
   return __builtin_fma(x, y, z);
 }
+KEVRA_DEVICE double fma(double x, double y, double z) {
+  return __builtin_fma(x, y, z);
+}
 // c[0] + c[1] x + ...
 template <class T, int count>
 KEVRA_DEVICE T kevra_polynomial(T x, const T (&c)[count]) {

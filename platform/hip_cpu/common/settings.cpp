@@ -18,11 +18,17 @@ namespace {
 
 void read_flag(const char* name, bool& out) {
   const std::string_view text = variable(name);
-  if (text == "1") {
-    out = true;
-  } else if (!text.empty() && text != "0") {
-    report_variable(name, text, "0 or 1", "0");
+  if (text == "0" || text == "1") {
+    out = text == "1";
+  } else if (!text.empty()) {
+    report_variable(name, text, "0 or 1", out ? "1" : "0");
   }
+}
+
+// Check mode watches single blocks, and an order of blocks, whichever, means one after the other.
+void read_lanes(Settings& out) {
+  read_flag("KEVRA_CPU_LANES", out.lanes);
+  out.lanes &= !out.check && variable("KEVRA_CPU_ORDER").empty();
 }
 
 void read_order(Settings& out) {
@@ -69,6 +75,9 @@ Settings read_environment() {
   read_order(out);
   read_flag("KEVRA_CPU_NULL", out.null_launches);
   read_flag("KEVRA_CPU_CHECK", out.check);
+  read_lanes(out);
+  const std::string_view debug = variable("KEVRA_DEBUG");
+  out.debug = !debug.empty() && debug.front() >= '1' && debug.front() <= '9';
   return out;
 }
 

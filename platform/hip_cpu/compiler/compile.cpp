@@ -3,10 +3,13 @@
 #include <dlfcn.h>
 #include <link.h>
 
+#include <cstdio>
 #include <stdexcept>
+#include <thread>
 
 #include "common/settings.h"
 #include "compiler/rewrite.h"
+#include "compiler/rewrite_lanes.h"
 #include "compiler/temporary_folder.h"
 #include "kernel/architecture.h"
 #include "kernel/toolchain.h"
@@ -17,6 +20,7 @@ namespace kevra_cpu {
 
 namespace {
 
+using kevra_platform::with_device_text;
 using Command = std::vector<std::string>;
 
 // Math without errno is what kernels get on a GPU; all else is plain C++.
@@ -48,6 +52,16 @@ const Command compile_options = {
 #endif
 };
 const Command fast_options = {"-O3"};
+// Vectors as long as the lanes are wide. The first error is enough: it says why the kernels run
+// block by block. Cells of shared memory are looked at as elements of several types.
+const Command lane_options = {"-w",
+                              "-ferror-limit=1",
+                              "-fno-caret-diagnostics",
+                              "-fno-strict-aliasing",
+#ifdef __x86_64__
+                              "-mprefer-vector-width=512",
+#endif
+                              "-DKEVRA_CPU_LANE_CODE"};
 // Without `func` the compiler emits no callbacks at loads and stores. Vector code would merge
 // the accesses of several threads and elements into one.
 const Command check_options = {"-O1",
@@ -71,16 +85,63 @@ std::string math_library() {
 
 // Calling the linker itself saves the compiler driver's start, a third of a small compile. GNU
 // ld takes 3 ms for a kernel, lld 15 ms; the driver finds one where neither is in the path.
-Command link_command(const std::string& object, const std::string& library) {
+Command link_command(const Command& objects, const std::string& library) {
   static const std::string math = math_library();
   static const std::string linker = [] {
     for (const char* name : {"ld", "ld.lld", "ld.lld-19", "ld.lld-18", "ld.lld-17", "ld.lld-16"})
       if (std::string path = find_program(name); !path.empty()) return path;
     return std::string();
   }();
-  if (linker.empty()) return {clang_path(), "-shared", "-nostdlib", "-o", library, object, math};
-  return {linker, "-shared", "--build-id=none", "-z", "now", "-o", library, object, math};
+  Command command = {linker, "-shared", "--build-id=none", "-z", "now", "-o", library};
+  if (linker.empty()) command = {clang_path(), "-shared", "-nostdlib", "-o", library};
+  append(command, objects);
+  append(command, {math});
+  return command;
 }
+
+// The lane form of a text, compiled beside its plain form: the second compiler costs a core that
+// is mostly idle, and no time where there is one.
+class LaneCompile {
+ public:
+  LaneCompile(const kevra_platform::KernelSource& source, const TemporaryFolder& folder,
+              const Command& includes)
+      : object_(folder.file("lanes.o")) {
+    if (!settings().lanes) return;
+    LaneText lanes = rewrite_lanes(source.text);
+    refusal_ = std::move(lanes.refusal);
+    if (lanes.text.empty()) return;
+    const std::string text = folder.file("lanes.cpp");
+    write_file(text, with_device_text(source.name, lanes.text));
+    Command command = {clang_path()};
+    append(command, compile_options);
+    append(command, fast_options);
+    append(command, lane_options);
+    if (lanes.many) append(command, {"-DKEVRA_CPU_MANY_LANES"});
+    append(command, includes);
+    append(command, {"-o", object_, text});
+    thread_ = std::thread([this, command] { result_ = run_program(command); });
+  }
+  ~LaneCompile() {
+    if (thread_.joinable()) thread_.join();
+  }
+  LaneCompile(const LaneCompile&) = delete;
+  LaneCompile& operator=(const LaneCompile&) = delete;
+
+  // The object, once it is there; none where the kernels have no lane form.
+  Command object() {
+    if (!thread_.joinable()) return {};
+    thread_.join();
+    if (result_.status == 0) return {object_};
+    refusal_ = result_.output.substr(0, result_.output.find('\n'));
+    return {};
+  }
+  const std::string& refusal() const { return refusal_; }
+
+ private:
+  std::string object_, refusal_;
+  ProgramResult result_;
+  std::thread thread_;
+};
 
 }  // namespace
 }  // namespace kevra_cpu
@@ -96,6 +157,7 @@ kevra_platform::Compiled kevra_platform::compile_kernels(const KernelSource& sou
   const std::string text = folder.file("kernel.cpp"), object = folder.file("kernel.o"),
                     library = folder.file("kernel.so");
   write_file(text, with_device_text(source.name, rewrite_kernels(source.text)));
+  LaneCompile lanes(source, folder, includes);
 
   Command compile = {clang_path()};
   append(compile, compile_options);
@@ -105,7 +167,14 @@ kevra_platform::Compiled kevra_platform::compile_kernels(const KernelSource& sou
   const ProgramResult compiled = run_program(compile);
   if (compiled.status != 0) return {{}, compiled.output};
 
-  const ProgramResult linked = run_program(link_command(object, library));
+  Command objects = lanes.object();
+  objects.insert(objects.begin(), object);
+  if (settings().debug && !lanes.refusal().empty())
+    std::fprintf(stderr, "kevra CPU device: %s runs block by block, not in lanes: %s\n",
+                 source.name.c_str(), lanes.refusal().c_str());
+  ProgramResult linked = run_program(link_command(objects, library));
+  if (linked.status != 0 && objects.size() > 1)
+    linked = run_program(link_command({object}, library));
   std::vector<std::byte> image = make_image(read_file(library), code_object_tag());
   if (linked.status != 0 || image.empty())
     return {{}, compiled.output + "The kernel compiled but could not be linked:\n" + linked.output};

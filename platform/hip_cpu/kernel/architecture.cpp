@@ -101,7 +101,7 @@ std::string kept_compiler_name() {
 std::string make_name() {
   std::string name = kept_compiler_name();
   if (name.empty()) name = short_hash(hash_text(processor_flags()));
-  return "cpu-" + name + (settings().check ? "-check" : "");
+  return "cpu-" + name + (settings().check ? "-check" : settings().lanes ? "" : "-blocks");
 }
 
 }  // namespace

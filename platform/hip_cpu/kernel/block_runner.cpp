@@ -51,13 +51,32 @@ BlockRunner& BlockRunner::of_this_thread() {
 
 bool BlockRunner::run(const Launch& launch, Dim3 index, std::string& report,
                       BlockObserver* observer) {
-  prepare(launch, index);
+  prepare(launch, index, launch.kernel->entry().start, 1);
   observer_ = observer;
   if (observer_ != nullptr) observer_->begin_block(block_, threads_);
   start_threads();
   if (launch.kernel->entry().suspends != 0 && !finish_threads(report)) return false;
   if (observer_ != nullptr) observer_->end_block();
   return true;
+}
+
+// Coroutine frames own nothing, so a group that diverges in the middle of one simply leaves it.
+GroupEnd BlockRunner::run_group(const Launch& launch, Dim3 first, std::string& report) {
+  const auto& entry = *launch.kernel->lane_entry();
+  prepare(launch, first, entry.start, entry.lanes);
+  observer_ = nullptr;
+  store_log_.clear();
+  if (setjmp(way_out_) != 0) {
+    store_log_.undo();
+    return GroupEnd::diverged;
+  }
+  start_threads();
+  return finish_threads(report) ? GroupEnd::done : GroupEnd::failed;
+}
+
+void BlockRunner::need_log() {
+  __atomic_store_n(&launch_->kernel->object().lane_hooks()->log, 1, __ATOMIC_RELAXED);
+  diverge();
 }
 
 bool BlockRunner::owns(uintptr_t address, size_t bytes) const {
@@ -71,16 +90,21 @@ bool BlockRunner::owns(uintptr_t address, size_t bytes) const {
          within(shuffled_.data(), shuffled_.size() * sizeof shuffled_[0]);
 }
 
-void BlockRunner::prepare(const Launch& launch, Dim3 index) {
+void BlockRunner::prepare(const Launch& launch, Dim3 index, Start start, unsigned lanes) {
   launch_ = &launch;
+  start_ = start;
+  lanes_ = lanes;
   threads_ = static_cast<unsigned>(count_of(launch.block));
-  const size_t shared_bytes = launch.shared_bytes + shared_gap;
-  const size_t room = shared_bytes + kevra_cpu_device::static_shared_bytes + 2 * alignment;
-  if (shared_.size() < room) shared_.resize(room);
+  const size_t shared_bytes = lanes * launch.shared_bytes + shared_gap;
+  const size_t room = shared_bytes + lanes * kevra_cpu_device::static_shared_bytes + 2 * alignment;
+  if (shared_room_ < room) {
+    shared_ = std::make_unique_for_overwrite<std::byte[]>(room);
+    shared_room_ = room;
+  }
   block_.index = as_index(index);
   block_.size = as_index(launch.block);
   block_.grid = as_index(launch.grid);
-  block_.shared = aligned(shared_.data());
+  block_.shared = aligned(shared_.get());
   block_.static_shared = aligned(block_.shared + shared_bytes);
   block_.arguments = reinterpret_cast<const char*>(launch.arguments.data());
   block_.frames_next = block_.frames_end = nullptr;
@@ -96,14 +120,13 @@ void BlockRunner::start_threads() {
     for (unsigned thread = 0; thread < threads_; ++thread) start_thread(thread);
     return;
   }
-  const auto start = launch_->kernel->entry().start;
   for (unsigned z = 0; z < block_.size.z; ++z)
-    for (unsigned y = 0; y < block_.size.y; ++y) start(&block_, {0, y, z}, block_.size.x);
+    for (unsigned y = 0; y < block_.size.y; ++y) start_(&block_, {0, y, z}, block_.size.x);
 }
 
 void BlockRunner::start_thread(unsigned thread) {
   if (observer_ != nullptr) observer_->enter_thread(thread);
-  launch_->kernel->entry().start(&block_, as_index(index_of(thread, launch_->block)), 1);
+  start_(&block_, as_index(index_of(thread, launch_->block)), 1);
 }
 
 bool BlockRunner::finish_threads(std::string& report) {
@@ -139,8 +162,19 @@ void BlockRunner::resume(unsigned thread) {
   places_[thread] = block_.place;
 }
 
+// What nearly every wait ends with: a loop with nothing in it but the threads.
+void BlockRunner::resume_all() {
+  void* const* const frames = frames_.data();
+  Place* const places = places_.data();
+  for (unsigned thread = 0, count = threads_; thread < count; ++thread) {
+    (*static_cast<void (**)(void*)>(frames[thread]))(frames[thread]);
+    places[thread] = block_.place;
+  }
+}
+
 // Threads at different places go on only where their groups wait for a shuffle.
 void BlockRunner::resume_where(bool shuffles_only) {
+  if (!shuffles_only && order_.empty() && observer_ == nullptr) return resume_all();
   const auto go_on = [&](unsigned thread) {
     if (!shuffles_only || place_kind(places_[thread]) == PlaceKind::shuffle) resume(thread);
   };

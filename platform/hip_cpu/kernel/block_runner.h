@@ -3,6 +3,7 @@
 // from block to block.
 #pragma once
 
+#include <csetjmp>
 #include <memory>
 #include <string>
 #include <vector>
@@ -10,8 +11,11 @@
 #include "compiler/device/block.h"
 #include "kernel/block_observer.h"
 #include "kernel/launch.h"
+#include "kernel/store_log.h"
 
 namespace kevra_cpu {
+
+enum class GroupEnd { done, diverged, failed };
 
 class BlockRunner {
  public:
@@ -26,6 +30,15 @@ class BlockRunner {
   bool run(const Launch& launch, Dim3 index, std::string& report,
            BlockObserver* observer = nullptr);
 
+  // Runs the neighbours of block `first` along x with it, one a lane of the kernel's lane form.
+  // A group that diverges has undone its stores, or made only such as its blocks make again.
+  GroupEnd run_group(const Launch& launch, Dim3 first, std::string& report);
+  // For the lane code that runs on this thread: ends its group, and notes what it overwrites.
+  [[noreturn]] void diverge() { std::longjmp(way_out_, 1); }
+  [[noreturn]] void need_log();
+  StoreLog& store_log() { return store_log_; }
+  unsigned lanes() const { return lanes_; }
+
   // Whether the bytes are the runner's own, among them the frames of the block's threads.
   bool owns(uintptr_t address, size_t bytes) const;
 
@@ -39,12 +52,16 @@ class BlockRunner {
     size_t bytes;
   };
 
-  void prepare(const Launch& launch, Dim3 index);
+  using Start = void (*)(kevra_cpu_device::Block* block, kevra_cpu_device::Index3 first,
+                         unsigned count);
+
+  void prepare(const Launch& launch, Dim3 index, Start start, unsigned lanes);
   void start_threads();
   void start_thread(unsigned thread);
   bool finish_threads(std::string& report);
   void resume(unsigned thread);
   void resume_where(bool shuffles_only);
+  void resume_all();
   bool all_at_one_place() const;
   bool groups_agree(std::string& report) const;
   std::string describe(unsigned thread) const;
@@ -54,11 +71,17 @@ class BlockRunner {
 
   kevra_cpu_device::Block block_{};
   const Launch* launch_ = nullptr;
+  Start start_ = nullptr;
   BlockObserver* observer_ = nullptr;
   unsigned threads_ = 0;
+  unsigned lanes_ = 1;
   std::vector<uint32_t> order_;  // of the threads; empty: as they are numbered
 
-  std::vector<std::byte> shared_;
+  std::jmp_buf way_out_;
+  StoreLog store_log_;
+
+  std::unique_ptr<std::byte[]> shared_;
+  size_t shared_room_ = 0;
   std::vector<Chunk> chunks_;
   size_t chunks_used_ = 0;
   std::vector<Place> places_;

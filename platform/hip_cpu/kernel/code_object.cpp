@@ -3,6 +3,8 @@
 #include <dlfcn.h>
 
 #include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 
@@ -34,12 +36,20 @@ void* load_library(const std::vector<std::byte>& elf) {
   return dlopen(unique_path(file.descriptor()).c_str(), RTLD_NOW | RTLD_LOCAL);
 }
 
+const kevra_cpu_device::LaneEntry* lane_entry(const kevra_cpu_device::KernelTable& table,
+                                              const char* name) {
+  for (const auto* entry = table.lanes_begin; entry != table.lanes_end; ++entry)
+    if (std::strcmp(entry->name, name) == 0) return entry;
+  return nullptr;
+}
+
 }  // namespace
 
 CodeObject::CodeObject(std::vector<std::byte> elf, const kevra_cpu_device::KernelTable& table)
-    : elf_(std::move(elf)) {
+    : elf_(std::move(elf)), lane_hooks_(table.lane_hooks) {
   for (const auto* entry = table.begin; entry != table.end; ++entry)
-    kernels_.emplace_back(entry, this);
+    kernels_.emplace_back(entry, lane_entry(table, entry->name), this);
+  if (lane_hooks_ != nullptr) *lane_hooks_ = kevra_cpu::lane_hooks();
   if (table.hooks != nullptr) *table.hooks = check_hooks();
 }
 
@@ -47,6 +57,44 @@ Kernel* CodeObject::find(const char* name) {
   for (Kernel& kernel : kernels_)
     if (std::strcmp(kernel.entry().name, name) == 0) return &kernel;
   return nullptr;
+}
+
+namespace {
+
+// Code objects stay until the process ends, and reachable for whoever looks for leaks.
+struct LoadedObjects {
+  std::mutex mutex;
+  std::deque<CodeObject> objects;
+
+  static LoadedObjects& all() {
+    static auto& loaded = *new LoadedObjects;
+    return loaded;
+  }
+};
+
+// What KEVRA_DEBUG tells when the process ends, a line for each kernel that ran.
+void report_lanes() {
+  LoadedObjects& loaded = LoadedObjects::all();
+  const std::lock_guard lock(loaded.mutex);
+  for (const CodeObject& object : loaded.objects) object.report_lanes();
+}
+
+}  // namespace
+
+void CodeObject::report_lanes() const {
+  for (const Kernel& kernel : kernels_) {
+    const LaneRecord& record = kernel.lane_record();
+    const auto count = [](const std::atomic<uint64_t>& n) { return (unsigned long long)n.load(); };
+    if (record.groups == 0 && record.blocks == 0) continue;
+    std::fprintf(stderr,
+                 "kevra CPU device: kernel '%s': %llu groups of %u blocks in lanes, %llu of them "
+                 "diverged, %llu blocks alone%s%s\n",
+                 kernel.entry().name, count(record.groups),
+                 kernel.lane_entry() != nullptr ? kernel.lane_entry()->lanes : 0,
+                 count(record.diverged), count(record.blocks),
+                 kernel.lane_entry() == nullptr ? ", no lane form" : "",
+                 lane_hooks_ != nullptr && lane_hooks_->log != 0 ? ", stores logged" : "");
+  }
 }
 
 int load_code_object(const void* image, CodeObject** out) {
@@ -57,13 +105,12 @@ int load_code_object(const void* image, CodeObject** out) {
   const void* table = dlsym(library, "kevra_kernel_table");
   if (table == nullptr) return kevra_platform::invalid_image;
 
-  // Code objects stay until the process ends, and reachable for whoever looks for leaks.
-  static std::mutex mutex;
-  static auto* const loaded = new std::deque<CodeObject>;
-  const std::lock_guard lock(mutex);
+  LoadedObjects& loaded = LoadedObjects::all();
+  const std::lock_guard lock(loaded.mutex);
+  if (settings().debug && loaded.objects.empty()) std::atexit(report_lanes);
   if (!settings().check) elf.clear();
-  *out = &loaded->emplace_back(std::move(elf),
-                               *static_cast<const kevra_cpu_device::KernelTable*>(table));
+  *out = &loaded.objects.emplace_back(std::move(elf),
+                                      *static_cast<const kevra_cpu_device::KernelTable*>(table));
   return 0;
 }
 

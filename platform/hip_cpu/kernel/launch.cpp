@@ -8,6 +8,7 @@
 #include "kernel/checker.h"
 #include "kernel/code_object.h"
 #include "kernel/grid.h"
+#include "kernel/lane_launch.h"
 #include "kernel/order.h"
 #include "kernel/worker_pool.h"
 
@@ -46,13 +47,19 @@ int run_launch(const Launch& launch, std::string& report) {
   report = size_fault(launch);
   if (!report.empty()) return launch_failure;
   if (settings().check) return run_checked(launch, report);
-  const uint64_t blocks = count_of(launch.grid);
-  const std::vector<uint32_t> order = run_order(static_cast<uint32_t>(blocks), 0);
+  const LaneLaunch lanes(launch);
+  const std::vector<uint32_t> order = run_order(static_cast<uint32_t>(lanes.pieces()), 0);
+  const auto run = [&](uint64_t piece, std::string& fault) {
+    if (lanes.in_lanes()) return lanes.run(piece, fault);
+    if (settings().debug)
+      launch.kernel->lane_record().blocks.fetch_add(1, std::memory_order_relaxed);
+    const Dim3 index = index_of(order.empty() ? piece : order[piece], launch.grid);
+    return BlockRunner::of_this_thread().run(launch, index, fault);
+  };
   std::mutex failure;
-  share_blocks(blocks, [&](uint64_t i) {
-    const Dim3 index = index_of(order.empty() ? i : order[i], launch.grid);
+  share_blocks(lanes.pieces(), [&](uint64_t i) {
     std::string fault;
-    if (BlockRunner::of_this_thread().run(launch, index, fault)) return true;
+    if (run(i, fault)) return true;
     const std::lock_guard lock(failure);
     if (report.empty()) report = fault;
     return false;

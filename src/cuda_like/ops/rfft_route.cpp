@@ -42,10 +42,6 @@ bool wants_registers(const RfftShape& s, const ShapeHint& h, int length) {
 int values_per_thread(const RfftShape& s, int length) {
   if (s.wide) return length >= 4096 ? 16 : 8;
   if (s.half) return length <= 64 ? 4 : length <= 128 ? 8 : 16;
-  // Two stages in place of four, 5 barriers in place of 13 and a quarter less arithmetic: on the
-  // CPU device a row takes 13 us, with 8 values to a thread 23. On AMD GPUs shared memory bounds
-  // the rows in flight, which stay as many, and nothing spills.
-  if (length == 1024) return 32;
   return length <= 128 ? 4 : length <= 1024 ? 8 : 16;
 }
 

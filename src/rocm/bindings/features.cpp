@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "cuda_like/ops/onset.h"
 #include "rocm/bindings/arrays.h"
 #include "rocm/bindings/bindings.h"
 
@@ -14,6 +15,47 @@ template <class T>
 py::object rms_staged(const py::object& y, int64_t frame_length, int64_t hop, bool center) {
   const ContiguousArray<T> input(y);
   return to_numpy(ops::rms_staged(input.view(), frame_length, hop, center));
+}
+
+template <class T>
+py::object onset_strength_staged(const py::object& s) {
+  const ContiguousArray<T> input(s);
+  return to_numpy(ops::onset_strength_staged(input.view()));
+}
+
+void bind_onset(py::module_& m) {
+  m.def(
+      "onset_strength_resident",
+      [](uintptr_t x, uintptr_t out, int64_t batch, int64_t frames, int64_t bins, int prec,
+         int device, uintptr_t stream) {
+        ops::onset_strength_resident(reinterpret_cast<devptr_t>(x), reinterpret_cast<devptr_t>(out),
+                                     batch, frames, bins, prec, device,
+                                     reinterpret_cast<stream_t>(stream));
+      },
+      R"(onset_strength_resident(m_ptr, out_ptr, batch, frames, bins, prec, device, stream)
+
+Onset strength (spectral flux) on device memory; queues the work on `stream` and returns.
+
+m_ptr, out_ptr: addresses on `device` of a (batch, frames, bins) spectrogram and (batch, frames) results, row-major.
+prec: 0 half storage with float arithmetic, 1 float, 2 double. stream: raw handle, 0 the null stream.
+Pointers are not checked. Nothing is queued for no frames. Raises ValueError for sizes out of bounds, RuntimeError
+when HIP fails.
+Source: S. Boeck and G. Widmer, Maximum filter vibrato suppression for onset detection, DAFx 2013, section 2.)");
+  m.def(
+      "onset_strength_staged",
+      [](const py::object& s) {
+        return is_double_input(s) ? onset_strength_staged<double>(s)
+                                  : onset_strength_staged<float>(s);
+      },
+      R"(onset_strength_staged(S)
+
+Onset strength (spectral flux) per frame: the mean over bins of max(0, S[t] - S[t - 1]); 0 for the first frame.
+
+S: spectrogram (batch, bins, frames); float64 is computed in double, all else in float. A bin whose change is NaN
+counts as unchanged.
+Returns (batch, frames), in the unit of S.
+Raises ValueError for bad shapes, TypeError for float16, RuntimeError when HIP fails.
+Source: S. Boeck and G. Widmer, Maximum filter vibrato suppression for onset detection, DAFx 2013, section 2.)");
 }
 
 }  // namespace
@@ -52,6 +94,7 @@ Returns (batch, frames) with frames = (samples - frame_length % 2) / hop + 1 wit
 (samples - frame_length) / hop + 1, in the signal's own unit.
 Raises ValueError for bad shapes and sizes, TypeError for float16, RuntimeError when HIP fails.
 Source: L. R. Rabiner and R. W. Schafer, Digital Processing of Speech Signals, 1978, section 4.2.)");
+  bind_onset(m);
 }
 
 }  // namespace kevra::bindings

@@ -60,6 +60,29 @@ struct KernelEntry {
   void (*start)(Block* block, Index3 first, unsigned count);
 };
 
+// Runs a group of neighbouring blocks together, one a lane: `block` is the first of them, and its
+// shared memory holds that of all.
+struct LaneEntry {
+  const char* name;
+  unsigned lanes;
+  // Per argument: 'v' a value, 'i' a pointer that is only read through, 'o' another pointer.
+  const char* kinds;
+  void (*start)(Block* block, Index3 first, unsigned count);
+};
+
+// What lane code asks of the runner, set when its code object is loaded.
+struct LaneHooks {
+  // Whether stores are noted before they happen, so that they can be undone: 1 from the first
+  // launch on that may read what it has written.
+  int log;
+  // `lanes` pieces of `bytes`, `step` bytes apart, are about to be overwritten.
+  void (*save)(void* first, long long step, unsigned bytes);
+  // A condition differs among the lanes. Does not return.
+  void (*diverge)();
+  // The kernel reads what it may have written, and no log is kept. Does not return.
+  void (*need_log)();
+};
+
 // Calls of check mode, set when a code object made for it is loaded.
 struct CheckHooks {
   void (*load)(const void* address, unsigned bytes, const void* code);
@@ -71,6 +94,9 @@ struct KernelTable {
   const KernelEntry* begin;
   const KernelEntry* end;
   CheckHooks* hooks;  // null outside check mode
+  const LaneEntry* lanes_begin;
+  const LaneEntry* lanes_end;
+  LaneHooks* lane_hooks;  // null where no kernel has a lane form
 };
 
 }  // namespace kevra_cpu_device

@@ -85,8 +85,9 @@ struct Task::promise_type {
   Block* block;
 };
 
+// The place is part of the type, so that no frame holds it.
+template <Place place>
 struct Barrier {
-  Place place;
   bool await_ready() const noexcept { return false; }
   void await_suspend(Task::Handle thread) const noexcept { thread.promise().block->place = place; }
   void await_resume() const noexcept {}
@@ -130,7 +131,7 @@ inline ShuffleXor<Value> shuffle_xor(const Thread& thread, Place place, Value va
 
 #define KEVRA_CPU_PLACE(kind) \
   ::kevra_cpu_device::make_place(::kevra_cpu_device::PlaceKind::kind, __LINE__, __COUNTER__)
-#define __syncthreads() (co_await ::kevra_cpu_device::Barrier{KEVRA_CPU_PLACE(barrier)})
+#define __syncthreads() (co_await ::kevra_cpu_device::Barrier<KEVRA_CPU_PLACE(barrier)>{})
 #define __shfl_xor(value, ...)                                                             \
   (co_await ::kevra_cpu_device::shuffle_xor(kevra_thread, KEVRA_CPU_PLACE(shuffle), value, \
                                             __VA_ARGS__))

@@ -8,16 +8,20 @@
 // What the rewriting makes of shared arrays; their types stand before these.
 #define KEVRA_CPU_DYNAMIC_SHARED(name) \
   auto& name = *reinterpret_cast<kevra_type_##name*>(kevra_thread.block->shared)
-#define KEVRA_CPU_STATIC_SHARED(name, taken)                                             \
-  constexpr unsigned kevra_begin_##name = (taken + 15) / 16 * 16,                        \
-                     kevra_end_##name = kevra_begin_##name + sizeof(kevra_type_##name);  \
-  static_assert(kevra_end_##name <= ::kevra_cpu_device::static_shared_bytes,             \
-                "a kernel has at most 64 KiB of static shared memory");                  \
-  auto& name = *reinterpret_cast<kevra_type_##name*>(kevra_thread.block->static_shared + \
+#define KEVRA_CPU_STATIC_SHARED(name, taken)                                                   \
+  constexpr unsigned kevra_begin_##name =                                                      \
+      (taken + KEVRA_CPU_LANES * 16 - 1) / (KEVRA_CPU_LANES * 16) * KEVRA_CPU_LANES * 16;      \
+  constexpr unsigned kevra_end_##name = kevra_begin_##name + sizeof(kevra_type_##name);        \
+  static_assert(kevra_end_##name <= KEVRA_CPU_LANES * ::kevra_cpu_device::static_shared_bytes, \
+                "a kernel has at most 64 KiB of static shared memory");                        \
+  auto& name = *reinterpret_cast<kevra_type_##name*>(kevra_thread.block->static_shared +       \
                                                      kevra_begin_##name)
 
 #define threadIdx (kevra_thread.thread_index)
+#ifndef KEVRA_CPU_LANE_CODE
+#define KEVRA_CPU_LANES 1
 #define blockIdx (kevra_thread.block_index)
+#endif
 #define blockDim (kevra_thread.block_size)
 #define gridDim (kevra_thread.grid_size)
 #define warpSize 32
@@ -80,6 +84,8 @@ struct Starter<kernel, Result (*)(Thread, Types...)> {
 
 }  // namespace kevra_cpu_device
 
+#ifndef KEVRA_CPU_LANE_CODE
+
 // Stands behind every kernel. The linker gathers the entries of one text into one array.
 #define KEVRA_CPU_KERNEL(kernel, bound)                                                       \
   __attribute__((section("kevra_kernels"),                                                    \
@@ -96,20 +102,27 @@ extern const kevra_cpu_device::KernelEntry __start_kevra_kernels[]
     __attribute__((weak, visibility("hidden")));
 extern const kevra_cpu_device::KernelEntry __stop_kevra_kernels[]
     __attribute__((weak, visibility("hidden")));
+extern const kevra_cpu_device::LaneEntry __start_kevra_lane_kernels[]
+    __attribute__((weak, visibility("hidden")));
+extern const kevra_cpu_device::LaneEntry __stop_kevra_lane_kernels[]
+    __attribute__((weak, visibility("hidden")));
+extern kevra_cpu_device::LaneHooks kevra_lane_hooks __attribute__((weak, visibility("hidden")));
 #ifdef KEVRA_CPU_CHECK
 extern kevra_cpu_device::CheckHooks kevra_check_hooks;
 #endif
 __attribute__((
     visibility("default"))) extern const kevra_cpu_device::KernelTable kevra_kernel_table;
-const kevra_cpu_device::KernelTable kevra_kernel_table = {__start_kevra_kernels,
-                                                          __stop_kevra_kernels,
+const kevra_cpu_device::KernelTable kevra_kernel_table = {
+    __start_kevra_kernels,      __stop_kevra_kernels,
 #ifdef KEVRA_CPU_CHECK
-                                                          &kevra_check_hooks
+    &kevra_check_hooks,
 #else
-                                                          nullptr
+                                                          nullptr,
 #endif
-};
+    __start_kevra_lane_kernels, __stop_kevra_lane_kernels, &kevra_lane_hooks};
 }
+
+#endif
 
 // In the kernel's own text a product fuses with a sum wherever it can, as on a GPU.
 #pragma clang fp contract(fast)

@@ -1,0 +1,323 @@
+#include "cuda_like/ops/convolution.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+
+#include "codegen/kernels/convolution.h"
+#include "codegen/precision.h"
+#include "cuda_like/ops/fft.h"
+#include "cuda_like/ops/guards.h"
+#include "cuda_like/ops/rfft.h"
+
+namespace kevra::ops {
+namespace {
+
+using codegen::ConvDirectKernel;
+using codegen::ConvMultiplyKernel;
+using codegen::ConvPadKernel;
+using codegen::ConvSliceKernel;
+
+constexpr unsigned kBlock = 256;
+constexpr int64_t kRowsOfALaunch = 65535;  // block index y is a 16-bit quantity
+
+template <class T>
+constexpr int kPrec = sizeof(T) == 8 ? codegen::kDouble : codegen::kFloat;
+
+void check_sizes(const char* op, const ConvolutionCall& call) {
+  require_int32(op, "rows", call.rows, 0);
+  require_at_least(op, "n", call.n, 1);
+  require_at_least(op, "m", call.m, 1);
+  require_at_least(op, "start", call.start, 0);
+  require_at_least(op, "outlen", call.outlen, 0);
+}
+
+void check_transform(const char* op, const ConvolutionCall& call, int64_t nf) {
+  check_sizes(op, call);
+  require_int32(op, "nf", nf, 1);
+  if (nf < std::max(call.n, call.m)) {
+    throw std::invalid_argument(std::string(op) + ": nf is " + std::to_string(nf) +
+                                ", must be at least n and m, " + std::to_string(call.n) + " and " +
+                                std::to_string(call.m) + "; a linear convolution needs n + m - 1");
+  }
+  if (call.start > nf || call.outlen > nf - call.start) {
+    throw std::invalid_argument(std::string(op) + ": start + outlen is " +
+                                std::to_string(call.start) + " + " + std::to_string(call.outlen) +
+                                ", must be at most nf = " + std::to_string(nf));
+  }
+}
+
+bool is_empty(const ConvolutionCall& call) {
+  return call.rows == 0 || call.outlen == 0;
+}
+
+// Where and how one call's kernels run.
+struct Queue {
+  int prec;
+  int device;
+  stream_t stream;
+
+  template <class Kernel>
+  kernel_t compiled(const Kernel& kernel) const {
+    return kernel_function(
+        kernel.key(), device, [kernel] { return kernel.source(backend()); }, kernel.kName);
+  }
+
+  // One thread to a value of `width` a row.
+  void launch(kernel_t fn, int64_t width, int64_t rows, void** args, const char* name) const {
+    launch_kernel(fn, static_cast<unsigned>((width + kBlock - 1) / kBlock),
+                  static_cast<unsigned>(rows), kBlock, 0, args, name, stream);
+  }
+};
+
+// Calls `launch(first, rows)` for all rows, as many at once as a launch takes.
+template <class Launch>
+void in_chunks(int64_t rows, const Launch& launch) {
+  for (int64_t first = 0; first < rows; first += kRowsOfALaunch) {
+    launch(first, std::min(rows - first, kRowsOfALaunch));
+  }
+}
+
+char* at(devptr_t p, int64_t elements, size_t size) {
+  return static_cast<char*>(p) + static_cast<size_t>(elements) * size;
+}
+
+// rows x n stored values to rows x plen values of T.
+template <class T>
+void pad(const Queue& queue, devptr_t x, devptr_t out, int64_t rows, int64_t n, int64_t plen) {
+  const ConvPadKernel kernel{queue.prec};
+  const kernel_t fn = queue.compiled(kernel);
+  const size_t stored = queue.prec == codegen::kHalf ? 2 : sizeof(T);
+  in_chunks(rows, [&](int64_t first, int64_t count) {
+    char* from = at(x, first * n, stored);
+    char* to = at(out, first * plen, sizeof(T));
+    void* args[] = {&from, &to, &n, &plen};
+    queue.launch(fn, plen, count, args, kernel.kName);
+  });
+}
+
+// z *= w over spectra of nb bins.
+template <class T>
+void multiply(const Queue& queue, devptr_t w, devptr_t z, int64_t rows, int64_t nb, bool share_w) {
+  const ConvMultiplyKernel kernel{queue.prec};
+  const kernel_t fn = queue.compiled(kernel);
+  int w_stride = share_w ? 0 : 1;
+  in_chunks(rows, [&](int64_t first, int64_t count) {
+    char* factor = at(w, w_stride * first * nb, 2 * sizeof(T));
+    char* product = at(z, first * nb, 2 * sizeof(T));
+    void* args[] = {&factor, &product, &nb, &w_stride};
+    queue.launch(fn, nb, count, args, kernel.kName);
+  });
+}
+
+template <class T>
+void slice(const Queue& queue, devptr_t x, int64_t nf, const ConvolutionCall& call) {
+  const ConvSliceKernel kernel{queue.prec};
+  const kernel_t fn = queue.compiled(kernel);
+  const size_t stored = queue.prec == codegen::kHalf ? 2 : sizeof(T);
+  int64_t start = call.start;
+  int64_t outlen = call.outlen;
+  in_chunks(call.rows, [&](int64_t first, int64_t count) {
+    char* from = at(x, first * nf, sizeof(T));
+    char* to = at(call.y, first * outlen, stored);
+    void* args[] = {&from, &to, &nf, &start, &outlen};
+    queue.launch(fn, outlen, count, args, kernel.kName);
+  });
+}
+
+template <class T>
+void conv_fft(const ConvolutionCall& call, int64_t nf, const Queue& queue) {
+  const int64_t rows_b = call.shares_b() ? 1 : call.rows;
+  const int64_t nb = nf / 2 + 1;
+  const auto buffer = [&](int64_t count) {
+    return DeviceBuffer(static_cast<size_t>(count) * sizeof(T), queue.stream);
+  };
+  const DeviceBuffer a = buffer(call.rows * nf);
+  const DeviceBuffer b = buffer(rows_b * nf);
+  pad<T>(queue, call.a, a.p, call.rows, call.n, nf);
+  pad<T>(queue, call.b, b.p, rows_b, call.m, nf);
+
+  const DeviceBuffer a_spectrum = buffer(call.rows * nb * 2);
+  const DeviceBuffer b_spectrum = buffer(rows_b * nb * 2);
+  const auto transform = [&](devptr_t x, devptr_t out, int64_t rows, bool inverse) {
+    rfft_dispatch<T>({.x = x,
+                      .out = out,
+                      .rows = rows,
+                      .n = static_cast<int>(nf),
+                      .inverse = inverse,
+                      .device = queue.device,
+                      .stream = queue.stream});
+  };
+  transform(a.p, a_spectrum.p, call.rows, false);
+  transform(b.p, b_spectrum.p, rows_b, false);
+  multiply<T>(queue, b_spectrum.p, a_spectrum.p, call.rows, nb, call.shares_b());
+  transform(a_spectrum.p, a.p, call.rows, true);
+  slice<T>(queue, a.p, nf, call);
+}
+
+template <class T>
+void conv_cplx(const ConvolutionCall& call, int64_t nf, const Queue& queue) {
+  constexpr size_t kElement = 2 * sizeof(T);
+  const int64_t rows_b = call.shares_b() ? 1 : call.rows;
+  const DeviceBuffer a(static_cast<size_t>(call.rows * nf) * kElement, queue.stream);
+  const DeviceBuffer b(static_cast<size_t>(rows_b * nf) * kElement, queue.stream);
+  // Reals of twice the length: a pair stays a pair.
+  pad<T>(queue, call.a, a.p, call.rows, 2 * call.n, 2 * nf);
+  pad<T>(queue, call.b, b.p, rows_b, 2 * call.m, 2 * nf);
+
+  // In place, since the padded rows are not needed again.
+  const auto transform = [&](devptr_t x, int64_t rows, bool inverse) {
+    fft_dispatch<T>({.x = x,
+                     .out = x,
+                     .rows = rows,
+                     .n = static_cast<int>(nf),
+                     .inverse = inverse,
+                     .device = queue.device,
+                     .stream = queue.stream});
+  };
+  transform(a.p, call.rows, false);
+  transform(b.p, rows_b, false);
+  multiply<T>(queue, b.p, a.p, call.rows, nf, call.shares_b());
+  transform(a.p, call.rows, true);
+
+  const size_t out_bytes = static_cast<size_t>(call.outlen) * kElement;
+  const Copy2D c{.src = {.x_bytes = static_cast<size_t>(call.start) * kElement,
+                         .address = a.p,
+                         .pitch = static_cast<size_t>(nf) * kElement},
+                 .dst = {.address = call.y, .pitch = out_bytes},
+                 .width_bytes = out_bytes,
+                 .height = static_cast<size_t>(call.rows)};
+  const stream_t stream = queue.stream;
+  KEVRA_CHECK(memcpy2DAsync(&c, (stream_t)stream));
+}
+
+// The texts of shapes that do not fit, which differ by family.
+struct ShapeTexts {
+  const char* dims;
+  const char* rows;
+};
+constexpr ShapeTexts kTransformTexts{"expected 2-D (rows, samples) arrays",
+                                     "conv: b rows must be 1 or match a"};
+constexpr ShapeTexts kDirectTexts{"conv_direct: expected 2-D (rows, samples) arrays",
+                                  "conv_direct: kernel rows must be 1 or match the signal rows"};
+
+template <class T>
+ConvolutionCall shapes_of(const HostArray<T>& a, const HostArray<T>& b, int64_t start,
+                          int64_t outlen, const ShapeTexts& texts) {
+  if (a.dims() != 2 || b.dims() != 2) throw std::invalid_argument(texts.dims);
+  const int64_t rows = a.shape[0];
+  const int64_t rows_b = b.shape[0];
+  if (rows_b != 1 && rows_b != rows) throw std::invalid_argument(texts.rows);
+  return {nullptr, nullptr, nullptr, rows, rows_b, a.shape[1], b.shape[1], start, outlen};
+}
+
+// To the device, through `resident` and back.
+template <class T, class Resident>
+PinnedArray<T> run_staged(const HostArray<T>& a, const HostArray<T>& b, ConvolutionCall call,
+                          const Resident& resident) {
+  const int64_t R = call.rows;
+  const int64_t outlen = call.outlen;
+  select_device(0);
+  const DeviceBuffer da = upload_staged(a.data, static_cast<size_t>(R) * call.n);
+  const DeviceBuffer db = upload_staged(b.data, static_cast<size_t>(call.rows_b) * call.m);
+  const DeviceBuffer dy((size_t)R * outlen * sizeof(T), nullptr);
+  call.a = da.p;
+  call.b = db.p;
+  call.y = dy.p;
+  resident(call);
+
+  PinnedArray<T> y({R, outlen});
+  KEVRA_CHECK(memcpyDtoH(y.mutable_data(), dy.p, (size_t)R * outlen * sizeof(T)));
+  return y;
+}
+
+}  // namespace
+
+void conv_fft_resident(const ConvolutionCall& call, int64_t nf, int prec, int device,
+                       stream_t stream) {
+  check_transform("conv_fft", call, nf);
+  select_device(device);
+  if (is_empty(call)) return;
+  const Queue queue{prec, device, stream};
+  prec == codegen::kDouble ? conv_fft<double>(call, nf, queue) : conv_fft<float>(call, nf, queue);
+}
+
+void conv_cplx_resident(const ConvolutionCall& call, int64_t nf, int prec, int device,
+                        stream_t stream) {
+  check_transform("conv_cplx", call, nf);
+  select_device(device);
+  if (is_empty(call)) return;
+  const Queue queue{codegen::compute_precision(prec), device, stream};
+  prec == codegen::kDouble ? conv_cplx<double>(call, nf, queue) : conv_cplx<float>(call, nf, queue);
+}
+
+void conv_direct_resident(const ConvolutionCall& call, int prec, int device, stream_t stream) {
+  check_sizes("conv_direct", call);
+  select_device(device);
+  if (is_empty(call)) return;
+  const Queue queue{prec, device, stream};
+  const ConvDirectKernel kernel{prec};
+  const kernel_t fn = queue.compiled(kernel);
+  const int storage = codegen::storage_precision(prec);
+  const size_t stored = storage == codegen::kHalf ? 2 : storage == codegen::kDouble ? 8 : 4;
+  int64_t n = call.n;
+  int64_t m = call.m;
+  int64_t outlen = call.outlen;
+  int64_t start = call.start;
+  int shared_b = call.shares_b() ? 1 : 0;
+  in_chunks(call.rows, [&](int64_t first, int64_t count) {
+    char* a = at(call.a, first * n, stored);
+    char* b = at(call.b, shared_b != 0 ? 0 : first * m, stored);
+    char* y = at(call.y, first * outlen, stored);
+    void* args[] = {&a, &b, &y, &n, &m, &outlen, &start, &shared_b};
+    queue.launch(fn, outlen, count, args, kernel.kName);
+  });
+}
+
+template <class T>
+PinnedArray<T> conv_fft_staged(const HostArray<T>& a, const HostArray<T>& b, int64_t nf,
+                               int64_t start, int64_t outlen) {
+  const ConvolutionCall shapes = shapes_of(a, b, start, outlen, kTransformTexts);
+  check_transform("conv_fft", shapes, nf);
+  return run_staged(a, b, shapes, [nf](const ConvolutionCall& call) {
+    conv_fft_resident(call, nf, kPrec<T>, 0, nullptr);
+  });
+}
+
+template <class T>
+PinnedArray<std::complex<T>> conv_cplx_staged(const HostArray<std::complex<T>>& a,
+                                              const HostArray<std::complex<T>>& b, int64_t nf,
+                                              int64_t start, int64_t outlen) {
+  const ConvolutionCall shapes = shapes_of(a, b, start, outlen, kTransformTexts);
+  check_transform("conv_cplx", shapes, nf);
+  return run_staged(a, b, shapes, [nf](const ConvolutionCall& call) {
+    conv_cplx_resident(call, nf, kPrec<T>, 0, nullptr);
+  });
+}
+
+template <class T>
+PinnedArray<T> conv_direct_staged(const HostArray<T>& a, const HostArray<T>& b, int64_t start,
+                                  int64_t outlen) {
+  const ConvolutionCall shapes = shapes_of(a, b, start, outlen, kDirectTexts);
+  check_sizes("conv_direct", shapes);
+  return run_staged(a, b, shapes, [](const ConvolutionCall& call) {
+    conv_direct_resident(call, kPrec<T>, 0, nullptr);
+  });
+}
+
+template PinnedArray<float> conv_fft_staged(const HostArray<float>&, const HostArray<float>&,
+                                            int64_t, int64_t, int64_t);
+template PinnedArray<double> conv_fft_staged(const HostArray<double>&, const HostArray<double>&,
+                                             int64_t, int64_t, int64_t);
+template PinnedArray<std::complex<float>> conv_cplx_staged(const HostArray<std::complex<float>>&,
+                                                           const HostArray<std::complex<float>>&,
+                                                           int64_t, int64_t, int64_t);
+template PinnedArray<std::complex<double>> conv_cplx_staged(const HostArray<std::complex<double>>&,
+                                                            const HostArray<std::complex<double>>&,
+                                                            int64_t, int64_t, int64_t);
+template PinnedArray<float> conv_direct_staged(const HostArray<float>&, const HostArray<float>&,
+                                               int64_t, int64_t);
+template PinnedArray<double> conv_direct_staged(const HostArray<double>&, const HostArray<double>&,
+                                                int64_t, int64_t);
+
+}  // namespace kevra::ops

@@ -1,0 +1,90 @@
+#include "cuda_like/ops/onset.h"
+
+#include <algorithm>
+#include <limits>
+#include <stdexcept>
+
+#include "codegen/kernels/onset.h"
+#include "codegen/precision.h"
+#include "cuda_like/ops/guards.h"
+
+namespace kevra::ops {
+namespace {
+
+void check_onset(int64_t batch, int64_t frames, int64_t bins) {
+  constexpr const char* kOp = "onset_strength";
+  require_at_least(kOp, "batch", batch, 0);
+  require_at_least(kOp, "frames", frames, 0);
+  require_at_least(kOp, "bins", bins, 1);
+  // Grid x is a 31-bit quantity; with both factors below it the product cannot overflow.
+  constexpr int64_t kGridLimit = std::numeric_limits<int>::max();
+  require_at_most(kOp, "batch", batch, kGridLimit);
+  require_at_most(kOp, "frames", frames, kGridLimit);
+  require_at_most(kOp, "batch x frames", batch * frames, kGridLimit);
+}
+
+// (items, rows, columns) to (items, columns, rows), by squares that stay in the nearest cache.
+template <class T>
+void transpose(const T* from, T* to, int64_t items, int64_t rows, int64_t columns) {
+  constexpr int64_t kSquare = 32;
+  for (int64_t item = 0; item < items; ++item, from += rows * columns, to += rows * columns) {
+    for (int64_t r0 = 0; r0 < rows; r0 += kSquare) {
+      for (int64_t c0 = 0; c0 < columns; c0 += kSquare) {
+        const int64_t r1 = std::min(r0 + kSquare, rows);
+        const int64_t c1 = std::min(c0 + kSquare, columns);
+        for (int64_t c = c0; c < c1; ++c) {
+          for (int64_t r = r0; r < r1; ++r) to[c * rows + r] = from[r * columns + c];
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
+
+void onset_strength_resident(devptr_t m, devptr_t out, int64_t batch, int64_t frames, int64_t bins,
+                             int prec, int device, stream_t stream) {
+  check_onset(batch, frames, bins);
+  select_device(device);
+  if (batch == 0 || frames == 0) return;
+
+  const codegen::OnsetKernel kernel{prec};
+  kernel_t fn = kernel_function(
+      kernel.key(), device, [kernel] { return kernel.source(backend()); }, kernel.kName);
+  void* args[] = {&m, &out, &frames, &bins};
+  launch_kernel(fn, static_cast<unsigned>(batch * frames), 1, kernel.kBlock, kernel.shared_bytes(),
+                args, kernel.kName, stream);
+}
+
+template <class T>
+PinnedArray<T> onset_strength_staged(const HostArray<T>& s) {
+  if (s.dims() != 3) {
+    throw std::invalid_argument("onset strength expects (batch, bins, frames)");
+  }
+  const int64_t batch = s.shape[0];
+  const int64_t bins = s.shape[1];
+  const int64_t frames = s.shape[2];
+  check_onset(batch, frames, bins);
+
+  select_device(0);
+  const size_t bytes = static_cast<size_t>(batch) * bins * frames * sizeof(T);
+  DeviceBuffer dx(bytes, nullptr);
+  DeviceBuffer dy((size_t)batch * frames * sizeof(T), nullptr);
+  {
+    // Turned round on the way into pinned memory: no copy beside that one.
+    const PinnedBlock turned(bytes);
+    transpose(s.data, static_cast<T*>(turned.p), batch, bins, frames);
+    KEVRA_CHECK(memcpyHtoD(dx.p, turned.p, bytes));
+  }
+  onset_strength_resident(dx.p, dy.p, batch, frames, bins,
+                          sizeof(T) == 8 ? codegen::kDouble : codegen::kFloat, 0, nullptr);
+
+  PinnedArray<T> out({batch, frames});
+  KEVRA_CHECK(memcpyDtoH(out.mutable_data(), dy.p, (size_t)batch * frames * sizeof(T)));
+  return out;
+}
+
+template PinnedArray<float> onset_strength_staged(const HostArray<float>&);
+template PinnedArray<double> onset_strength_staged(const HostArray<double>&);
+
+}  // namespace kevra::ops

@@ -1,0 +1,158 @@
+#include "cuda_like/ops/convolution.h"
+
+#include <complex>
+#include <cstdint>
+
+#include "rocm/bindings/arrays.h"
+#include "rocm/bindings/bindings.h"
+
+namespace py = pybind11;
+
+namespace kevra::bindings {
+namespace {
+
+template <class T>
+py::object conv_fft_staged(const py::object& a, const py::object& b, int64_t nf, int64_t start,
+                           int64_t outlen) {
+  const ContiguousArray<T> signal(a);
+  const ContiguousArray<T> kernel(b);
+  return to_numpy(ops::conv_fft_staged(signal.view(), kernel.view(), nf, start, outlen));
+}
+
+template <class T>
+py::object conv_cplx_staged(const py::object& a, const py::object& b, int64_t nf, int64_t start,
+                            int64_t outlen) {
+  const ContiguousArray<std::complex<T>> signal(a);
+  const ContiguousArray<std::complex<T>> kernel(b);
+  return to_numpy(ops::conv_cplx_staged(signal.view(), kernel.view(), nf, start, outlen));
+}
+
+template <class T>
+py::object conv_direct_staged(const py::array& a, const py::array& b, int64_t start,
+                              int64_t outlen) {
+  const ContiguousArray<T> signal(a);
+  const ContiguousArray<T> kernel(b);
+  return to_numpy(ops::conv_direct_staged(signal.view(), kernel.view(), start, outlen));
+}
+
+ops::ConvolutionCall call_of(uintptr_t a, uintptr_t b, uintptr_t y, int64_t rows, int64_t rows_b,
+                             int64_t n, int64_t m, int64_t start, int64_t outlen) {
+  return {.a = reinterpret_cast<devptr_t>(a),
+          .b = reinterpret_cast<devptr_t>(b),
+          .y = reinterpret_cast<devptr_t>(y),
+          .rows = rows,
+          .rows_b = rows_b,
+          .n = n,
+          .m = m,
+          .start = start,
+          .outlen = outlen};
+}
+
+using TransformResident = void (*)(const ops::ConvolutionCall&, int64_t, int, int, stream_t);
+
+// conv_fft_resident and conv_cplx_resident take the same arguments.
+void bind_through_transforms(py::module_& m, const char* name, TransformResident convolve,
+                             const char* doc) {
+  m.def(
+      name,
+      [convolve](uintptr_t a, uintptr_t b, uintptr_t y, int64_t rows, int64_t rows_b, int64_t n,
+                 int64_t taps, int64_t nf, int64_t start, int64_t outlen, int prec, int device,
+                 uintptr_t stream) {
+        convolve(call_of(a, b, y, rows, rows_b, n, taps, start, outlen), nf, prec, device,
+                 reinterpret_cast<stream_t>(stream));
+      },
+      py::arg("a_ptr"), py::arg("b_ptr"), py::arg("y_ptr"), py::arg("rows"), py::arg("rows_b"),
+      py::arg("n"), py::arg("m"), py::arg("nf"), py::arg("start"), py::arg("outlen"),
+      py::arg("prec"), py::arg("device") = 0, py::arg("stream") = 0, doc);
+}
+
+void bind_conv_direct(py::module_& m) {
+  m.def(
+      "conv_direct_staged",
+      [](const py::array& a, const py::array& b, int64_t start, int64_t outlen) {
+        return a.dtype().is(py::dtype::of<double>())
+                   ? conv_direct_staged<double>(a, b, start, outlen)
+                   : conv_direct_staged<float>(a, b, start, outlen);
+      },
+      py::arg("a"), py::arg("b"), py::arg("start"), py::arg("outlen"),
+      R"(Convolution of every row as a direct sum, for short kernels.
+
+a: array (rows, n); float64 is computed in double, all else as float32. b: (rows, m), or (1, m) for all rows.
+start, outlen: which samples of the convolution to return; beyond its n + m - 1 they are 0.
+Returns (rows, outlen), in the unit of a times that of b.
+Raises ValueError for bad shapes and sizes, RuntimeError when HIP fails.
+Source: A. V. Oppenheim and R. W. Schafer, Discrete-Time Signal Processing, 1989, section 2.3.)");
+  m.def(
+      "conv_direct_resident",
+      [](uintptr_t a, uintptr_t b, uintptr_t y, int64_t rows, int64_t rows_b, int64_t n,
+         int64_t taps, int64_t start, int64_t outlen, int prec, int device, uintptr_t stream) {
+        ops::conv_direct_resident(call_of(a, b, y, rows, rows_b, n, taps, start, outlen), prec,
+                                  device, reinterpret_cast<stream_t>(stream));
+      },
+      py::arg("a_ptr"), py::arg("b_ptr"), py::arg("y_ptr"), py::arg("rows"), py::arg("rows_b"),
+      py::arg("n"), py::arg("m"), py::arg("start"), py::arg("outlen"), py::arg("prec"),
+      py::arg("device") = 0, py::arg("stream") = 0,
+      R"(conv_direct_staged on device memory; queues the work on `stream` and returns.
+
+a_ptr, b_ptr, y_ptr: addresses on `device` of (rows, n), (rows_b, m) and (rows, outlen) samples, row-major; y must not
+overlap the others. rows_b: rows, or another number for one kernel that all rows share.
+prec: 0 half storage with float arithmetic, 2 double, else float. stream: raw handle, 0 the null stream.
+Pointers are not checked. Nothing is queued for no output. Raises ValueError for sizes out of bounds, RuntimeError
+when HIP fails.)");
+}
+
+}  // namespace
+
+void bind_convolution(py::module_& m) {
+  m.def(
+      "conv_fft_staged",
+      [](const py::object& a, const py::object& b, int64_t nf, int64_t start, int64_t outlen) {
+        return is_double_input(a) ? conv_fft_staged<double>(a, b, nf, start, outlen)
+                                  : conv_fft_staged<float>(a, b, nf, start, outlen);
+      },
+      py::arg("a"), py::arg("b"), py::arg("nf"), py::arg("start"), py::arg("outlen"),
+      R"(Convolution of every row through real transforms of length nf.
+
+a: array (rows, n); float64 is computed in double, all else in float. b: (rows, m), or (1, m) for all rows.
+nf: at least n and m; below n + m - 1 the convolution wraps around.
+start, outlen: which samples of the convolution to return, within nf.
+Returns (rows, outlen), in the unit of a times that of b.
+Raises ValueError for bad shapes and sizes, TypeError for float16, RuntimeError when HIP fails.
+Source: T. G. Stockham, High-speed convolution and correlation, AFIPS 1966.)");
+  bind_through_transforms(
+      m, "conv_fft_resident", &ops::conv_fft_resident,
+      R"(conv_fft_staged on device memory; queues the work on `stream` and returns.
+
+a_ptr, b_ptr, y_ptr: addresses on `device` of (rows, n), (rows_b, m) and (rows, outlen) samples, row-major; y may be a
+or b where it fits. rows_b: rows, or another number for one kernel that all rows share.
+prec: 0 half storage with float arithmetic, 2 double, else float. stream: raw handle, 0 the null stream.
+Pointers are not checked. Nothing is queued for no output. Raises ValueError for sizes out of bounds, RuntimeError
+when HIP fails.)");
+  m.def(
+      "conv_cplx_staged",
+      [](const py::object& a, const py::object& b, int64_t nf, int64_t start, int64_t outlen) {
+        return is_double_input(a) ? conv_cplx_staged<double>(a, b, nf, start, outlen)
+                                  : conv_cplx_staged<float>(a, b, nf, start, outlen);
+      },
+      py::arg("a"), py::arg("b"), py::arg("nf"), py::arg("start"), py::arg("outlen"),
+      R"(Convolution of every complex row through transforms of length nf.
+
+a: array (rows, n); complex128 and float64 are computed in double, all else in float. b: (rows, m), or (1, m) for all
+rows. nf: at least n and m; below n + m - 1 the convolution wraps around.
+start, outlen: which samples of the convolution to return, within nf.
+Returns (rows, outlen) complex, in the unit of a times that of b.
+Raises ValueError for bad shapes and sizes, TypeError for float16, RuntimeError when HIP fails.
+Source: T. G. Stockham, High-speed convolution and correlation, AFIPS 1966.)");
+  bind_through_transforms(
+      m, "conv_cplx_resident", &ops::conv_cplx_resident,
+      R"(conv_cplx_staged on device memory; queues the work on `stream` and returns.
+
+a_ptr, b_ptr, y_ptr: addresses on `device` of (rows, n), (rows_b, m) and (rows, outlen) complex samples, row-major,
+interleaved; y may be a or b where it fits. rows_b: rows, or another number for one kernel that all rows share.
+prec: 2 double, else float. stream: raw handle, 0 the null stream.
+Pointers are not checked. Nothing is queued for no output. Raises ValueError for sizes out of bounds, RuntimeError
+when HIP fails.)");
+  bind_conv_direct(m);
+}
+
+}  // namespace kevra::bindings
