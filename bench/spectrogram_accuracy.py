@@ -1,7 +1,8 @@
 """Error of STFT, mel and ISTFT over random settings of every core, form, window and precision.
 
-Float and half are held against numpy's transforms in double, double against those in extended precision. Which core
-ran is read from the debug output. Decibels count above -80 dB, where a bin of power 1 has 0 dB.
+Float and half are held against numpy's transforms in double, double against those in extended precision; decibels in
+half against those in float. Which core ran is read from the debug output. Decibels count above -80 dB, where a bin of
+power 1 has 0 dB.
 """
 
 import math
