@@ -1,4 +1,5 @@
-"""The tests run on the CPU device, and every run compiles its kernels into a cache folder of its own."""
+"""The tests run on the CPU device, and every run compiles its kernels into a cache folder of its own, or into the one
+that KEVRA_TEST_CACHE names: several runs of one state of the code need not compile everything several times."""
 
 import ctypes.util
 import importlib.util
@@ -19,8 +20,10 @@ def pytest_configure(config):
     package = importlib.util.find_spec("kevra")
     if package is None:
         pytest.exit("kevra is not built for this interpreter; run ./test, which builds it first", returncode=4)
-    config.kevra_cache = tempfile.mkdtemp(prefix="kevra-test-cache-")
-    os.environ["KEVRA_CACHE_DIR"] = config.kevra_cache
+    shared = os.environ.get("KEVRA_TEST_CACHE")
+    if not shared:
+        config.kevra_cache = tempfile.mkdtemp(prefix="kevra-test-cache-")
+    os.environ["KEVRA_CACHE_DIR"] = shared or config.kevra_cache
     os.environ["KEVRA_HIP_PATH"] = str(Path(package.origin).parent / "hip_cpu" / "libamdhip64.so")
     os.environ.pop("KEVRA_HIPRTC_PATH", None)
 
