@@ -219,14 +219,10 @@ struct LaneCast<T* __restrict> : LaneCast<T*> {};
 template <typename T>
 struct LaneCast<T* const> : LaneCast<T*> {};
 
-// Addresses as numbers, which tell how rows are aligned.
+// An address as a number, which tells how it is aligned.
 template <Integer T, typename U>
 static inline T lane_cast(const Pointer<U>& p) {
   return T(reinterpret_cast<unsigned long long>(p.address));
-}
-template <Integer T, typename U>
-static inline Affine<T> lane_cast(const RowPointer<U>& p) {
-  return {T(reinterpret_cast<unsigned long long>(p.first)), T(p.step)};
 }
 
 }  // namespace kevra_cpu_device
