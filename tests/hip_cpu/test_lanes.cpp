@@ -299,6 +299,47 @@ extern "C" __global__ void frames(const float* __restrict__ x, float* __restrict
   }
 }
 
+TEST(Lanes, LogarithmsAreTheNearestFloats) {
+  std::string output;
+  if (!in_child_with(told, &output)) {
+    EXPECT_GT(fate_of(output, "logarithms").groups, 0U) << output;
+    return;
+  }
+  const Kernels kernels(R"(
+extern "C" __global__ void logarithms(const float* x, float* out) {
+  __shared__ float cells[32];
+  int at = blockIdx.x * 32 + threadIdx.x;
+  cells[threadIdx.x] = x[at];
+  __syncthreads();
+  out[3 * at] = logf(cells[threadIdx.x]);
+  out[3 * at + 1] = log2f(cells[threadIdx.x]);
+  out[3 * at + 2] = log10f(cells[threadIdx.x]);
+}
+)");
+  Buffer<float> x(count), out(3 * count);
+  const float special[] = {0.0f,   -0.0f,    1.0f,      -1.0f,    INFINITY, -INFINITY,
+                           NAN,    1e-45f,   1.17e-38f, 3.4e38f,  0.5f,     1024.0f,
+                           1000.f, 0.70710f, 1.41421f,  1.00001f, 0.99999f, 10.0f};
+  for (unsigned i = 0; i < count; ++i)
+    x.values[i] = i < std::size(special) ? special[i] : std::exp2(float(i) / 8 - 128);
+  x.upload();
+  ASSERT_EQ(kernels.run("logarithms", {blocks}, {threads}, 0, x.device, out.device), "");
+  out.download();
+  for (unsigned i = 0; i < count; ++i) {
+    const double value = x.values[i];
+    const double expected[] = {std::log(value), std::log2(value), std::log10(value)};
+    for (unsigned k = 0; k < 3; ++k) {
+      const float result = out.values[3 * i + k], nearest = float(expected[k]);
+      if (std::isfinite(nearest)) {
+        ASSERT_NEAR(result, expected[k], std::abs(nearest) * 6.1e-8) << k << ", of " << value;
+      } else {
+        ASSERT_EQ(std::isnan(result), std::isnan(nearest)) << k << ", of " << value;
+        ASSERT_TRUE(std::isnan(result) || result == nearest) << k << ", of " << value;
+      }
+    }
+  }
+}
+
 TEST(Lanes, TextsWithoutALaneFormRunAndSayWhy) {
   std::string output;
   if (!in_child_with(told, &output)) {
