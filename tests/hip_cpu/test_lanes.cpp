@@ -251,6 +251,95 @@ TEST(Lanes, EveryElementTypeMovesThroughThem) {
   }
 }
 
+// Overlapping frames of two signals, the second at an odd place: in pairs where the whole frame
+// lies within the signal, one by one with reflection elsewhere. Only the groups at the edges part.
+TEST(Lanes, FramesOfASignalPartAtItsEdgesAlone) {
+  constexpr int hop = 16, pad = 32, length = 1023, frame = 2 * int(threads);
+  std::string output;
+  if (!in_child_with(told, &output)) {
+    const Fate fate = fate_of(output, "frames");
+    EXPECT_EQ(fate.groups * fate.lanes, 2 * blocks) << output;
+    EXPECT_EQ(fate.diverged, 4U) << output;
+    return;
+  }
+  const Kernels kernels(R"(
+#define REFLECTED(q) ((q) < 0 ? -(q) : ((q) >= length ? 2 * (length - 1) - (q) : (q)))
+extern "C" __global__ void frames(const float* __restrict__ x, float* __restrict__ out, int length) {
+  __shared__ float2 cells[32];
+  int tid = threadIdx.x;
+  const float* row = x + (long long)blockIdx.y * length;
+  int start = blockIdx.x * 16 - 32;
+  float a = (float)0, b = (float)0;
+  if (((long long)row & 7) == 0 && start >= 0 && start + 64 <= length) {
+    float2 pair = *(const float2*)(row + start + 2 * tid);
+    a = pair.x;
+    b = pair.y;
+  } else {
+    a = row[REFLECTED(start + 2 * tid)];
+    b = row[REFLECTED(start + 2 * tid + 1)];
+  }
+  cells[tid] = make_float2(a, b);
+  __syncthreads();
+  float2 other = cells[31 - tid];
+  long long at = ((long long)blockIdx.y * gridDim.x + blockIdx.x) * 64;
+  out[at + 63 - 2 * tid] = other.y;
+  out[at + 62 - 2 * tid] = other.x;
+}
+)");
+  Buffer<float> x(2 * length), out(2 * blocks * frame);
+  for (int i = 0; i < 2 * length; ++i) x.values[unsigned(i)] = float(i);
+  x.upload();
+  ASSERT_EQ(kernels.run("frames", {blocks, 2}, {threads}, 0, x.device, out.device, length), "");
+  out.download();
+  for (int i = 0; i < int(out.values.size()); ++i) {
+    const int signal = i / frame / int(blocks), block = i / frame % int(blocks);
+    ASSERT_EQ(out.values[unsigned(i)],
+              float(signal * length) + reflected(block * hop - pad + i % frame, length))
+        << "signal " << signal << ", frame " << block << ", sample " << i % frame;
+  }
+}
+
+TEST(Lanes, LogarithmsAreTheNearestFloats) {
+  std::string output;
+  if (!in_child_with(told, &output)) {
+    EXPECT_GT(fate_of(output, "logarithms").groups, 0U) << output;
+    return;
+  }
+  const Kernels kernels(R"(
+extern "C" __global__ void logarithms(const float* x, float* out) {
+  __shared__ float cells[32];
+  int at = blockIdx.x * 32 + threadIdx.x;
+  cells[threadIdx.x] = x[at];
+  __syncthreads();
+  out[3 * at] = logf(cells[threadIdx.x]);
+  out[3 * at + 1] = log2f(cells[threadIdx.x]);
+  out[3 * at + 2] = log10f(cells[threadIdx.x]);
+}
+)");
+  Buffer<float> x(count), out(3 * count);
+  const float special[] = {0.0f,   -0.0f,    1.0f,      -1.0f,    INFINITY, -INFINITY,
+                           NAN,    1e-45f,   1.17e-38f, 3.4e38f,  0.5f,     1024.0f,
+                           1000.f, 0.70710f, 1.41421f,  1.00001f, 0.99999f, 10.0f};
+  for (unsigned i = 0; i < count; ++i)
+    x.values[i] = i < std::size(special) ? special[i] : std::exp2(float(i) / 8 - 128);
+  x.upload();
+  ASSERT_EQ(kernels.run("logarithms", {blocks}, {threads}, 0, x.device, out.device), "");
+  out.download();
+  for (unsigned i = 0; i < count; ++i) {
+    const double value = x.values[i];
+    const double expected[] = {std::log(value), std::log2(value), std::log10(value)};
+    for (unsigned k = 0; k < 3; ++k) {
+      const float result = out.values[3 * i + k], nearest = float(expected[k]);
+      if (std::isfinite(nearest)) {
+        ASSERT_NEAR(result, expected[k], std::abs(nearest) * 6.1e-8) << k << ", of " << value;
+      } else {
+        ASSERT_EQ(std::isnan(result), std::isnan(nearest)) << k << ", of " << value;
+        ASSERT_TRUE(std::isnan(result) || result == nearest) << k << ", of " << value;
+      }
+    }
+  }
+}
+
 TEST(Lanes, TextsWithoutALaneFormRunAndSayWhy) {
   std::string output;
   if (!in_child_with(told, &output)) {

@@ -102,8 +102,10 @@ void KernelText::insert_behind(size_t token, std::string text) {
 }
 
 std::string KernelText::apply() {
-  std::stable_sort(edits_.begin(), edits_.end(),
-                   [](const Edit& a, const Edit& b) { return a.begin < b.begin; });
+  // What is put behind a token comes before what replaces the token that adjoins it.
+  std::stable_sort(edits_.begin(), edits_.end(), [](const Edit& a, const Edit& b) {
+    return a.begin != b.begin ? a.begin < b.begin : a.end == a.begin && b.end != b.begin;
+  });
   std::string result;
   size_t at = 0;
   for (const Edit& edit : edits_) {

@@ -219,6 +219,12 @@ struct LaneCast<T* __restrict> : LaneCast<T*> {};
 template <typename T>
 struct LaneCast<T* const> : LaneCast<T*> {};
 
+// An address as a number, which tells how it is aligned.
+template <Integer T, typename U>
+static inline T lane_cast(const Pointer<U>& p) {
+  return T(reinterpret_cast<unsigned long long>(p.address));
+}
+
 }  // namespace kevra_cpu_device
 
 #endif
