@@ -130,8 +130,9 @@ def test_rows_of_every_count(n):
                 _, got = check(device, rows, n, FLOAT, inverse)
                 if rows > 1:  # the rows that share a block, or a transform, do not touch each other
                     alone = signal(rows, n, FLOAT, inverse, seed=n)[-1:]
-                    if n % 2 == 0:
-                        np.testing.assert_array_equal(resident(device, alone, n, inverse, FLOAT), got[-1:])
+                    if n % 2 == 0:  # alone it runs in another compile of the kernel than side by side
+                        off = abs(resident(device, alone, n, inverse, FLOAT) - got[-1:])
+                        assert off.max() <= 4 * np.finfo(got.dtype).eps * abs(got[-1:]).max()
 
 
 def test_rows_of_one_transform_stay_apart():
