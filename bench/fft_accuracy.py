@@ -25,7 +25,7 @@ FAILURES_SHOWN = 10
 
 def main() -> int:
     more = {
-        "sizes": {"default": "sweep", "help": "sweep (the default), smooth (primes to 13, up to 4096), or 127,1000"},
+        "sizes": {"default": "sweep", "help": "sweep (the default), thin (some of it), smooth (primes to 13, to 4096), or 127,1000"},
         "kinds": {"choices": ["complex", "real"], "nargs": "+", "default": ["complex", "real"]},
         "plot": {"metavar": "FILE", "help": "draw n against the error, .svg or .png"},
     }
@@ -53,6 +53,8 @@ def lengths_of(chosen) -> list[int]:
         return sizes.sweep(chosen.seed, chosen.randoms)
     if chosen.sizes == "smooth":
         return sizes.smooth(4096)
+    if chosen.sizes == "thin":
+        return sizes.THIN
     return sorted({harness.positive(part) for part in chosen.sizes.split(",")})
 
 

@@ -11,6 +11,17 @@ FLOAT, DOUBLE = 1, 2
 BYTES = {FLOAT: 8, DOUBLE: 16}  # of a complex value in shared memory
 LEAST_LIMIT = 49152  # bytes of shared memory that every GPU has; some routes count with no more
 
+# Some of every route: what a busy machine measures in minutes.
+THIN = [
+    # fmt: off
+    *range(1, 17),
+    17, 25, 29, 31, 34, 41, 45, 53, 64, 81, 96, 97, 100, 121, 127, 128, 144, 169, 202, 243, 255, 256, 289, 323, 343,
+    360, 384, 409, 500, 509, 510, 511, 512, 578, 625, 720, 1000, 1009, 1024, 1147, 1331, 1352, 1811, 1823, 1924,
+    2039, 2048, 2057, 3125, 3643, 3863, 4093, 4096, 4097, 4114, 4352, 6144, 6160, 7203, 7906, 8192, 8193, 8209,
+    9000, 16384, 32768, 37570, 65536, 65537, 131071, 262144, 1048576,
+    # fmt: on
+]
+
 
 def smooth(largest: int) -> list[int]:
     """Every length without a prime factor above 13."""

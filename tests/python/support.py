@@ -42,7 +42,7 @@ def fft_reference(x, inverse):
 FFT_ERROR = {DOUBLE: (2**-52, 1.0, 4.0), FLOAT: (2**-23, 2.5, 4.0)}
 PRIME_ERROR = {DOUBLE: 1.5, FLOAT: 3.0}
 LONG_ERROR = {DOUBLE: 2.0, FLOAT: 4.0}  # the chirp's convolution, and two passes through device memory
-CHIRP_ELEMENT_ERROR = 6.0  # its values are larger than the result's, and with them the rounding
+CHIRP_ELEMENT_ERROR = 6.0  # seen: 4.03, irfft of 2039 floats
 
 
 def assert_fft(got, want, prec, what, times=1, op="fft", n=None):
