@@ -112,10 +112,8 @@ FilterBankTable filter_bank_table(const FilterBank& bank, bool wide) {
   static std::mutex mutex;
   static auto* tables = new std::map<std::pair<int, uint64_t>, FilterBankTable>;
   constexpr uint64_t kSeed = 136;
-  uint64_t key = kSeed;
-  for (uint64_t v : {bank.hash, uint64_t(bank.n_mels), uint64_t(bank.bins), uint64_t(wide)}) {
-    key = combine(key, v);
-  }
+  const uint64_t key =
+      key_of({kSeed, bank.hash, uint64_t(bank.n_mels), uint64_t(bank.bins), uint64_t(wide)});
   std::lock_guard lock(mutex);
   const std::pair slot{current_device(), key};
   if (const auto it = tables->find(slot); it != tables->end()) return it->second;

@@ -1,7 +1,5 @@
 """A thin cut through all lengths and wishes: complex and real, both directions, on every route and around its ends."""
 
-import itertools
-
 import kevra
 import numpy as np
 import pytest
@@ -26,8 +24,8 @@ EDGES = {
     "four steps of a chirp": (4111, 8209, 8209),
     "products of large primes": (289, 1147, 578),
 }
-CASES = [pytest.param([(n, (HALF, FLOAT, DOUBLE)[n % 3]) for n in range(first, 513, 64)], id=f"each 64th from {first}")
-         for first in range(1, 64, 9)]
+CASES = [pytest.param([(n, (HALF, FLOAT, DOUBLE)[n % 3]) for n in range(first, 513, 128)], id=f"each 128th from {first}")
+         for first in range(1, 128, 18)]
 CASES += [pytest.param([(n, prec)], id=f"{n} {NAMES[prec]}, {label}") for label, lengths in EDGES.items()
           for n, prec in zip(lengths, (DOUBLE, FLOAT, HALF))]
 
@@ -48,9 +46,11 @@ def check_complex(device, n, prec, inverse):
 def test_lengths(case):
     with Device() as device:
         for n, prec in case:
-            for inverse in False, True:
-                check_complex(device, n, prec, inverse)
-                check_real(device, n, prec, inverse)
+            check_complex(device, n, prec, inverse=n % 2 == 0)
+            check_real(device, n, prec, inverse=n % 2 == 1)
+            if len(case) > 1:  # short ones compile quickly
+                check_complex(device, n, prec, inverse=n % 2 == 1)
+                check_real(device, n, prec, inverse=n % 2 == 0)
 
 
 ROUTES = {
@@ -65,9 +65,9 @@ ABSURD = {"core": (3, 99, -1), "ept": (1, 3, 10**9, -7), "fpb": (1000, 2**31 - 1
 
 
 def wishes(n):
-    """Two that help and two that cannot; others for each length, the same in each run."""
+    """One that helps and one that cannot; others for each length, the same in each run."""
     random = np.random.default_rng(n)
-    for values in USEFUL, ABSURD, USEFUL, ABSURD:
+    for values in USEFUL, ABSURD:
         yield {name: int(random.choice(choices)) for name, choices in values.items()}
 
 
@@ -84,7 +84,7 @@ def test_no_wish_breaks_a_transform(n, transform, no_hints):
     hint, check = (test_rfft.hint, check_real) if real else (test_fft.hint, check_complex)
     length = 2 * n if real and n % 2 == 0 else n  # an even row is packed into half as many complex values
     with Device() as device:
-        for wish, (prec, inverse) in zip(wishes(n), itertools.cycle(((FLOAT, False), (DOUBLE, False), (FLOAT, True)))):
+        for wish, (prec, inverse) in zip(wishes(n), ((FLOAT, n % 2 == 0), (DOUBLE, n % 2 == 1))):
             hint(length, prec, inverse, **wish)
             try:
                 check(device, length, prec, inverse)

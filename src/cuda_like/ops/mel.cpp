@@ -54,15 +54,11 @@ PlanKey plan_key(const MelCall& call, const FramePrecision& prec) {
   const uint64_t flags = static_cast<uint64_t>(o.form) << 8 |
                          static_cast<uint64_t>(prec.compute) << 4 |
                          static_cast<uint64_t>(prec.storage) << 2 | (o.center ? 1u : 0u);
-  uint64_t key = o.window.key;
-  for (uint64_t v :
-       {o.bank.hash, static_cast<uint64_t>(o.bank.n_mels), static_cast<uint64_t>(o.bank.bins),
-        std::bit_cast<uint64_t>(o.power), static_cast<uint64_t>(o.n_fft),
-        static_cast<uint64_t>(o.hop), static_cast<uint64_t>(call.device), flags,
-        static_cast<uint64_t>(call.length),
-        o.form == codegen::kDecibelForm ? std::bit_cast<uint64_t>(o.eps) : uint64_t{0}}) {
-    key = combine(key, v);
-  }
+  const uint64_t eps = o.form == codegen::kDecibelForm ? std::bit_cast<uint64_t>(o.eps) : 0;
+  const uint64_t key =
+      key_of({o.window.key, o.bank.hash, uint64_t(o.bank.n_mels), uint64_t(o.bank.bins),
+              std::bit_cast<uint64_t>(o.power), uint64_t(o.n_fft), uint64_t(o.hop),
+              uint64_t(call.device), flags, uint64_t(call.length), eps});
   return {key, shape_epoch()};
 }
 
