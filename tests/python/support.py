@@ -13,6 +13,8 @@ import scipy.fft
 from kevra import _diagnostics
 
 HALF, FLOAT, DOUBLE = 0, 1, 2
+# Check mode looks at every access of some hundred thousand blocks there, and finds what it finds in few of them.
+too_many_blocks_to_check = pytest.mark.skipif("KEVRA_CPU_CHECK" in os.environ, reason="takes minutes in check mode")
 STORAGE = (np.float16, np.float32, np.float64)
 # Unit roundoff of storage and of arithmetic.
 UNIT = ((2**-11, 2**-24), (2**-24, 2**-24), (2**-53, 2**-53))

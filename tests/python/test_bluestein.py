@@ -6,7 +6,7 @@ import kevra
 import numpy as np
 import pytest
 from kevra import _diagnostics
-from support import DOUBLE, FLOAT, HALF, Device, assert_fft, fft_reference, fresh
+from support import DOUBLE, FLOAT, HALF, Device, assert_fft, fft_reference, fresh, too_many_blocks_to_check
 from test_fft import DIRECTIONS, PARTS, check, complex_of, resident, signal
 
 SIZES = {
@@ -55,6 +55,7 @@ def test_the_inverse_undoes_the_forward(n, prec):
     assert_fft(back, x.astype(np.clongdouble), prec, "the inverse of the forward", times=2)
 
 
+@too_many_blocks_to_check
 @pytest.mark.parametrize("rows", [65535, 65536, 131075])
 def test_rows_past_one_launch_of_the_grid(rows):
     distinct = complex_of(signal(5, 41, HALF))

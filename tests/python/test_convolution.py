@@ -4,7 +4,7 @@ import kevra
 import numpy as np
 import pytest
 import scipy.signal
-from support import DOUBLE, FLOAT, HALF, STORAGE, Device, fresh
+from support import DOUBLE, FLOAT, HALF, STORAGE, Device, fresh, too_many_blocks_to_check
 
 # Root mean square against that of a convolution of such signals. Half storage rounds the result once more.
 BOUND = {HALF: 2**-11, FLOAT: 1e-6, DOUBLE: 1e-14}
@@ -112,6 +112,7 @@ def test_beyond_the_convolution_the_direct_sum_is_zero():
     assert not got[:, 4:].any() and not kevra.conv_direct_staged(a, b, 1 << 40, 3).any()
 
 
+@too_many_blocks_to_check
 @pytest.mark.parametrize("shared", [True, False])
 def test_more_rows_than_a_grid(shared):
     rows = 65536 + 2

@@ -7,7 +7,7 @@ import numpy as np
 import pytest
 import scipy.fft
 from kevra import _diagnostics
-from support import DOUBLE, FLOAT, HALF, Device, assert_fft, fft_reference, fresh
+from support import DOUBLE, FLOAT, HALF, Device, assert_fft, fft_reference, fresh, too_many_blocks_to_check
 from test_fft import DIRECTIONS, PARTS, check, complex_of, resident, signal
 
 SIZES = {
@@ -74,6 +74,7 @@ def many_rows(rows, n):
             check(device, rows, n, prec, inverse)
 
 
+@too_many_blocks_to_check
 def test_rows_past_one_launch_of_the_grid():
     fresh(many_rows, 65537, 20, env={"KEVRA_CPU_SHARED_LIMIT": "96"})
 

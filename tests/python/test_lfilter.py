@@ -7,7 +7,7 @@ import kevra
 import numpy as np
 import pytest
 import scipy.signal
-from support import DOUBLE, FLOAT, STORAGE, Device, fresh
+from support import DOUBLE, FLOAT, STORAGE, Device, fresh, too_many_blocks_to_check
 
 # Against the largest output. In float the one rounding at the end is all; in double what the recursion rounds too.
 BOUND = {FLOAT: 2**-24, DOUBLE: 1e-11}
@@ -160,6 +160,7 @@ def test_pack_writes_the_powers_of_the_companion_matrix_to_the_last_digit(prec):
         np.testing.assert_allclose(table[:3], exact_powers(a), rtol=np.finfo(b.dtype).eps, atol=0, err_msg=name)
 
 
+@too_many_blocks_to_check
 def test_many_short_rows_go_in_several_launches():
     b, a = random_filter(2, 3, 0.9, seed=2)
     rows = 65536 + 3

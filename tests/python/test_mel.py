@@ -7,7 +7,7 @@ import kevra
 import numpy as np
 import pytest
 from spectrograms import frames_of, stft_reference
-from support import DOUBLE, FLOAT, HALF, STORAGE, Device, Fresh, fresh, pools_in_use
+from support import DOUBLE, FLOAT, HALF, STORAGE, Device, Fresh, fresh, pools_in_use, too_many_blocks_to_check
 
 PACKED = 3
 PARTS = {**dict(enumerate(STORAGE)), PACKED: np.float16}
@@ -285,6 +285,7 @@ def test_frames_that_no_block_holds(n_fft, prec):
     assert pools_in_use() == before
 
 
+@too_many_blocks_to_check
 def test_more_staged_rows_than_a_grid():
     y = signal(254, 1, FLOAT, batch=2, frames=40000)
     check(y, bank_of(3, 254), 254, 1, False, 2, "power", FLOAT)
