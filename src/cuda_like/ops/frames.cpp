@@ -1,9 +1,12 @@
 #include "cuda_like/ops/frames.h"
 
+#include <cmath>
 #include <limits>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
+#include "codegen/kernels/spectrum_output.h"
 #include "cuda_like/ops/guards.h"
 
 namespace kevra::ops {
@@ -34,6 +37,19 @@ void check_frame_batch(const char* op, const char* kernel, int64_t batch) {
         std::string(kernel) + ": batch exceeds grid.y limit: " + std::to_string(batch) +
         " rows, at most " + std::to_string(kGridLimit) + "; pass them in several calls");
   }
+}
+
+void check_eps(const char* op, int form, double eps) {
+  if (form == codegen::kDecibelForm && !(eps >= 0 && std::isfinite(eps))) {
+    throw std::invalid_argument(std::string(op) + ": eps is " + shown(eps) +
+                                ", must be finite and not below 0");
+  }
+}
+
+std::string shown(double value) {
+  std::ostringstream text;
+  text << value;
+  return text.str();
 }
 
 }  // namespace kevra::ops

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 namespace kevra::ops {
 
@@ -18,5 +19,12 @@ int64_t frame_count(int64_t length, int64_t n_fft, int64_t hop, int64_t pad, con
 // Batch is grid y of a frame kernel, `kernel`. Throws std::invalid_argument for a batch that it has
 // no rows for.
 void check_frame_batch(const char* op, const char* kernel, int64_t batch);
+
+// `eps` counts in the decibel form alone. Throws std::invalid_argument for one below 0 or not
+// finite.
+void check_eps(const char* op, int form, double eps);
+
+// A number for a message, without idle zeros.
+std::string shown(double value);
 
 }  // namespace kevra::ops

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <cmath>
-#include <sstream>
 #include <stdexcept>
 
 #include "codegen/kernels/mel.h"
@@ -78,12 +76,6 @@ ShapeHint hint_for(const MelCall& call, const FramePrecision& prec) {
   return hint;
 }
 
-std::string shown(double value) {
-  std::ostringstream text;
-  text << value;
-  return text.str();
-}
-
 // The frames of a call that may run.
 int64_t check_mel(const MelOptions& o, int64_t batch, int64_t length) {
   check_filter_bank("mel", o.bank, o.n_fft);
@@ -95,9 +87,7 @@ int64_t check_mel(const MelOptions& o, int64_t batch, int64_t length) {
       frame_count(length, o.n_fft, o.hop, frame_padding(o.n_fft, o.center), "mel");
   check_frame_batch("mel", MelKernel::kName, batch);
   check_window(o.window, o.n_fft);
-  if (o.form == codegen::kDecibelForm && !(o.eps >= 0 && std::isfinite(o.eps))) {
-    throw std::invalid_argument("mel: eps is " + shown(o.eps) + ", must be finite and not below 0");
-  }
+  check_eps("mel", o.form, o.eps);
   return frames;
 }
 

@@ -1,7 +1,6 @@
 #include "cuda_like/ops/stft.h"
 
 #include <bit>
-#include <cmath>
 #include <mutex>
 #include <stdexcept>
 
@@ -85,10 +84,7 @@ ShapeHint hint_for(const StftCall& call, const FramePrecision& prec) {
 void check_stft(const StftCall& call) {
   check_frame_batch("stft", StftKernel::kName, call.batch);
   check_window(call.window, call.n_fft);
-  if (call.form == codegen::kDecibelForm && !(call.eps >= 0 && std::isfinite(call.eps))) {
-    throw std::invalid_argument("stft: eps is " + std::to_string(call.eps) +
-                                ", must be finite and not below 0");
-  }
+  check_eps("stft", call.form, call.eps);
 }
 
 StftConfig route(const StftCall& call, const FramePrecision& prec, int64_t frames) {
