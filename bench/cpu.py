@@ -22,9 +22,10 @@ def main() -> int:
         "resident_host_cost": ["--rounds", "200"],
         "spectrogram_host_cost": ["--rounds", "200"],
         "first_call": ["--warm", str(chosen.starts), "--cold", str(chosen.starts)],
+        "lanes": ["--rounds", str(chosen.rounds)],
     }
     everyone = functools.partial(contenders.on_the_cpu, threads=chosen.threads)
-    return comparison.compare(chosen, "cpu", everyone, libraries, absent, scripts)
+    return comparison.compare(chosen, "cpu", everyone, libraries, absent, scripts, counted=("lanes",))
 
 
 if __name__ == "__main__":

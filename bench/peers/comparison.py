@@ -1,5 +1,6 @@
 """One run: every case checked, timed and recorded; figures of other benchmarks beside them; the exit status."""
 
+import dataclasses
 import datetime
 import importlib.metadata
 import json
@@ -10,7 +11,6 @@ import subprocess
 import sys
 import tempfile
 from argparse import Namespace
-from dataclasses import asdict
 from pathlib import Path
 
 import harness
@@ -59,9 +59,11 @@ def recordings(text: str) -> list[tuple[str, int, int]]:
     return [(kind, *pair) for kind, _, size in kinds for pair in shapes(size)]
 
 
-def compare(chosen: Namespace, target: str, contenders_of, libraries: dict, absent: dict, scripts: dict) -> int:
+def compare(
+    chosen: Namespace, target: str, contenders_of, libraries: dict, absent: dict, scripts: dict, counted: tuple = ()
+) -> int:
     """contenders_of(case, x, resident, libraries) gives who is timed; `scripts` are other benchmarks with their
-    options, run at the end."""
+    options, run at the end. The bars of those that are `counted` decide about the exit status too."""
     record = head(target, absent, chosen)
     hip, results = harness.Hip(), []
     with harness.cache_folder():
@@ -77,10 +79,12 @@ def compare(chosen: Namespace, target: str, contenders_of, libraries: dict, abse
             results.append({**case.record(), "load": os.getloadavg()[0], **result})
     if chosen.only_peers:
         scripts = {}
-    record["other_figures"] = {script: figures_of(script, arguments) for script, arguments in scripts.items()}
+    others = {script: figures_of(script, arguments) for script, arguments in scripts.items()}
+    record["other_figures"] = {name: {"measured": measured, **told(own)} for name, (measured, own) in others.items()}
     record["load_at_end"] = os.getloadavg()[0]
     figures = long_music_figures(results)
-    record["figures"] = [{**asdict(figure), "passed": figure.passed} for figure in figures]
+    figures += [figure for script in counted if script in others for figure in others[script][1]]
+    record["figures"] = [{**dataclasses.asdict(figure), "passed": figure.passed} for figure in figures]
     record["cases"] = results
     written = output.write(record, target, Path(chosen.folder))
     output.show(record, figures, written)
@@ -133,8 +137,8 @@ def ratio(peer: list[tuple[float, float]], own: list[tuple[float, float]]) -> fl
     return statistics.median(p / o for (p, _), (o, _) in zip(peer, own))
 
 
-def figures_of(script: str, arguments: list[str]) -> dict:
-    """Another benchmark's figures, in a process of its own. Its bars do not count here."""
+def figures_of(script: str, arguments: list[str]) -> tuple[str, list[harness.Figure]]:
+    """How another benchmark measures, and its figures, in a process of its own."""
     with tempfile.TemporaryDirectory(prefix="kevra-bench-") as folder:
         file = Path(folder) / "figures.json"
         command = [sys.executable, str(harness.HERE / f"{script}.py"), "--json", str(file), *arguments]
@@ -142,8 +146,12 @@ def figures_of(script: str, arguments: list[str]) -> dict:
         if not file.exists():
             raise SystemExit(f"The benchmark {script} failed:\n{child.stdout}{child.stderr}")
         answer = json.loads(file.read_text())
-    figures = {figure["name"]: f"{figure['value']:.3g} {figure['unit']}" for figure in answer["figures"]}
-    return {"measured": answer["measured"], **figures}
+    fields = [field.name for field in dataclasses.fields(harness.Figure)]
+    return answer["measured"], [harness.Figure(**{name: own[name] for name in fields}) for own in answer["figures"]]
+
+
+def told(figures: list[harness.Figure]) -> dict[str, str]:
+    return {figure.name: f"{figure.value:.3g} {figure.unit}".rstrip() for figure in figures}
 
 
 def head(target: str, absent: dict, chosen: Namespace) -> dict:
