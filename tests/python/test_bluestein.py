@@ -78,12 +78,13 @@ def memory_of_one_call(rows, n):
         return first, _diagnostics.read()["pools"]["device"]
 
 
-def test_device_memory_holds_one_intermediate():
-    first, second = fresh(memory_of_one_call, 1500, 127)
+@pytest.mark.parametrize("rows, n", [(1500, 127), pytest.param(40, 8191, id="40-8191 in four steps")])
+def test_device_memory_holds_one_intermediate(rows, n):
+    first, second = fresh(memory_of_one_call, rows, n)
     assert second == first, "tables and intermediate serve again"
     assert first["cached_blocks"] == 1
-    padded = 256
-    assert 1500 * padded * 8 <= first["cached_bytes"] < 1.5 * 1500 * padded * 8
+    padded = kevra.route_explain("fft", n, HALF)["bluestein_m"]
+    assert rows * padded * 8 <= first["cached_bytes"] < 1.5 * rows * padded * 8
 
 
 def bits_of_results():
@@ -107,12 +108,12 @@ def checked_transforms(cases):
 
 
 def test_check_mode_finds_nothing_and_a_row_in_shared_memory_moves_once(tmp_path):
-    cases = [(n, prec, inverse) for n, prec in ((127, FLOAT), (82, DOUBLE), (53, HALF), (1823, DOUBLE))
+    cases = [(n, prec, inverse) for n, prec in ((127, FLOAT), (82, DOUBLE), (53, HALF), (1823, DOUBLE), (8191, FLOAT))
              for inverse in (False, True)]
     profile = tmp_path / "profile"
     fresh(checked_transforms, cases, env={"KEVRA_CPU_CHECK": "1", "KEVRA_CPU_PROFILE": profile})
     launches = [json.loads(line) for line in profile.read_text().splitlines()]
-    assert len(launches) == 4 + 4 * 5
+    assert len(launches) == 4 + 4 * 5 + 2 * 7
     for case, launch in zip(cases[:4], launches):
         n, prec, _ = case
         row = 2 * n * np.dtype(PARTS[prec]).itemsize

@@ -13,6 +13,7 @@ namespace codegen = kevra::codegen;
 namespace ops = kevra::ops;
 
 // The kernels of a transform of n complex values, or of the pairs of 2 n reals.
+enum Places { kOrdinary, kKept, kTransposed };
 enum Step { kFirst, kSecond, kRealSecond, kSplit, kPack };
 
 Kernel column_pass(const codegen::ColumnPass& pass) {
@@ -26,7 +27,8 @@ Kernel make_four_step(const Values& values) {
   const int compute = codegen::compute_precision(prec);
   const bool wide = prec == codegen::kDouble;
   const bool half = prec == codegen::kHalf;
-  const bool kept = values.at("kept") != 0;
+  const int places = values.at("places");
+  const bool kept = places == kKept;
   const bool inverse = kept || values.at("inverse") != 0;
   const Step step = static_cast<Step>(values.at("step"));
   const codegen::RealStep real{2 * n, compute, codegen::storage_precision(prec)};
@@ -51,13 +53,16 @@ Kernel make_four_step(const Values& values) {
             real_pass_source(route->second, hip)};
   }
   // Kept rows come from the pack step at full precision.
-  auto route = ops::route_four_step({n, wide, inverse, half && !kept, half}, kSharedLimit);
+  const auto between = kept ? ops::Between::kKept : ops::Between::kLines;
+  const auto route =
+      places == kTransposed
+          ? ops::route_transposed(n, wide, inverse, kSharedLimit)
+          : ops::route_four_step({n, wide, inverse, half && !kept, half}, kSharedLimit, between);
   if (!route) {
     throw std::invalid_argument("n = " + std::to_string(n) +
                                 " has no split whose columns fit into shared memory; choose an n "
                                 "of small factors, not above 16777216");
   }
-  route->first.kept = route->second.kept = kept;
   return column_pass(step == kFirst ? route->first : route->second);
 }
 
@@ -69,7 +74,15 @@ std::vector<Values> four_step_samples() {
         for (int inverse : {0, 1}) {
           samples.push_back({{"n", n}, {"prec", prec}, {"step", step}, {"inverse", inverse}});
         }
-        samples.push_back({{"n", n}, {"prec", prec}, {"step", step}, {"kept", 1}});
+        samples.push_back({{"n", n}, {"prec", prec}, {"step", step}, {"places", kKept}});
+        if (prec == codegen::kHalf) continue;
+        for (int inverse : {0, 1}) {
+          samples.push_back({{"n", n},
+                             {"prec", prec},
+                             {"step", step},
+                             {"inverse", inverse},
+                             {"places", kTransposed}});
+        }
       }
       const bool wide = prec == codegen::kDouble;
       const bool half = prec == codegen::kHalf;
@@ -92,7 +105,8 @@ Family four_step_family() {
             "0 and 1 the passes over columns, 2 the second pass of reals, 3 their split, 4 the "
             "way back"},
            {"inverse", 0, 0, 1, "1 for the passes of the inverse"},
-           {"kept", 0, 0, 1, "1 for the passes of the inverse to reals"}},
+           {"places", kOrdinary, kOrdinary, kTransposed,
+            "1 for the passes of the inverse to reals, 2 for those of a convolution"}},
           make_four_step,
           four_step_samples()};
 }

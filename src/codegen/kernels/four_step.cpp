@@ -60,11 +60,13 @@ void load_columns(KernelWriter& w, const ColumnPass& p) {
   });
 }
 
-// The second pass where the first has kept its places: each column is a line.
+// Each column is a line.
 void load_lines(KernelWriter& w, const ColumnPass& p) {
+  const bool conjugate = p.first && p.inverse;
   each(w, p.length() * p.tile, [&](const std::string& i) {
     w.stmt("int e = $ % $; int t = $ / $;", i, p.length(), i, p.length());
-    w.stmt("scb[RSP(e * $ + t)] = xb[(I64)(t0 + t) * $ + e];", p.tile, p.length());
+    w.stmt("cplx g = xb[(I64)(t0 + t) * $ + e];", p.length());
+    w.stmt("scb[RSP(e * $ + t)] = $;", p.tile, conjugate ? w.complex_value("g.x", "-g.y") : "g");
   });
 }
 
@@ -154,8 +156,9 @@ std::string key_of(const char* prefix, std::initializer_list<int> numbers) {
 std::string ColumnPass::key() const {
   // On pairs of reals the table has the roots of the split too.
   const char* prefix = !first ? "cfs2v2" : roots == n() ? "cfs1v2" : "cfr1";
+  const char* places = lines_in ? (lines_out ? "ll" : "lc") : (lines_out ? "cl" : "cc");
   return key_of(prefix, {n1, n2, compute, storage_in, storage_out}) + (inverse ? "_i" : "_f") +
-         std::to_string(tile) + "_" + std::to_string(threads) + (kept ? "k" : "");
+         std::to_string(tile) + "_" + std::to_string(threads) + places;
 }
 
 std::string column_pass_source(const ColumnPass& p, const Backend& backend) {
@@ -168,10 +171,10 @@ std::string column_pass_source(const ColumnPass& p, const Backend& backend) {
   name_block(w, "t0", p.tile);
   w.stmt("const DEV $* xb = x + row * $;", in, p.n());
   w.stmt("DEV $* ob = out + row * $;", out, p.n());
-  p.kept && !p.first ? load_lines(w, p) : load_columns(w, p);
+  p.lines_in ? load_lines(w, p) : load_columns(w, p);
   w.barrier();
   emit_batched_fft(w, "scb", p.tile, p.length(), p.threads);
-  p.first && !p.kept ? store_lines(w, p) : store_columns(w, p);
+  p.lines_out ? store_lines(w, p) : store_columns(w, p);
 
   return prelude(p.compute, p.storage_in == kHalf || p.storage_out == kHalf, backend) +
          format("#define TPF $\n", {std::to_string(p.threads)}) + rsp_define(true) +

@@ -30,10 +30,9 @@ struct ColumnPass {
   int tile;     // adjacent columns of a block
   int threads;  // of a block
   int roots;    // in the table of a double kernel: n, or 2 n for the second pass to be RealPass
-  // Where values stand between the passes: at jb n2 + k2, so that a column is contiguous and `out`
-  // of the second pass may be `x`; or, kept, where the inputs stood, at k2 n1 + jb, so that `out`
-  // of the first pass may be `x`.
-  bool kept = false;
+  // Whether a column is a line of `x`, and of `out`. Where both are alike, `out` may be `x`.
+  bool lines_in = false;
+  bool lines_out = false;
 
   int n() const { return n1 * n2; }
   int length() const { return first ? n2 : n1; }   // of a column

@@ -5,6 +5,9 @@
 
 #include "cuda_like/ops/bluestein_route.h"
 #include "cuda_like/ops/bluestein_tables.h"
+#include "cuda_like/ops/fft_route.h"
+#include "cuda_like/ops/four_step.h"
+#include "cuda_like/ops/four_step_route.h"
 #include "cuda_like/ops/guards.h"
 #include "cuda_like/ops/plan_map.h"
 #include "cuda_like/twiddles.h"
@@ -24,6 +27,7 @@ struct BluesteinPlan : LaunchPlan {
   const char* name = nullptr;
   kernel_t multiply = nullptr;
   kernel_t post = nullptr;
+  std::pair<int, int> sides{0, 0};  // of a padded row that is too long for a block
 
   bool in_shared() const { return multiply == nullptr; }
 };
@@ -63,7 +67,7 @@ BluesteinPlan build_shared(const BluesteinCall& call, const BluesteinKernel& ker
   return plan;
 }
 
-BluesteinPlan build_global(const BluesteinCall& call, const BluesteinSteps& steps) {
+BluesteinPlan build_global(const BluesteinCall& call, const BluesteinSteps& steps, bool wide) {
   BluesteinPlan plan;
   plan.fn = kernel_function(
       steps.pre_key(), call.device, [&] { return bluestein_pre_source(steps, backend()); },
@@ -77,6 +81,11 @@ BluesteinPlan build_global(const BluesteinCall& call, const BluesteinSteps& step
   plan.block = steps.kBlock;
   plan.m = steps.m;
   plan.scale = call.inverse ? 1.0 / call.n : 1.0;
+  const FftShape padded{.n = plan.m, .wide = wide, .inverse = false, .half = false, .pair = false};
+  const int64_t limit = device_shared_limit(call.device);
+  if (route_fft(padded, {}, limit).form == FftForm::kFourStep) {
+    plan.sides = four_step_sides(plan.m, wide, limit);
+  }
   return plan;
 }
 
@@ -87,9 +96,9 @@ BluesteinPlan build_plan(const BluesteinCall& call, Form form) {
   const BluesteinShape shape = shape_of<T>(call);
   std::optional<BluesteinKernel> kernel;
   if (form == Form::kByFit) kernel = bluestein_in_shared(shape, device_shared_limit(call.device));
-  BluesteinPlan plan =
-      kernel ? build_shared<T>(call, *kernel) : build_global(call, bluestein_steps(shape));
-  plan.tables = bluestein_tables<T>(call.n, plan.m, call.inverse);
+  BluesteinPlan plan = kernel ? build_shared<T>(call, *kernel)
+                              : build_global(call, bluestein_steps(shape), shape.wide);
+  plan.tables = bluestein_tables<T>(call.n, plan.m, call.inverse, plan.sides);
   return plan;
 }
 
@@ -150,13 +159,14 @@ void run_global(const BluesteinPlan& plan, const BluesteinCall& call) {
   const unsigned block = plan.block;
   const auto blocks = [block](int count) { return (static_cast<unsigned>(count) - 1) / block + 1; };
   const auto transform = [&](bool inverse) {
-    fft_dispatch<T>({.x = z.p,
-                     .out = z.p,
-                     .rows = call.rows,
-                     .n = plan.m,
-                     .inverse = inverse,
-                     .device = call.device,
-                     .stream = call.stream});
+    const FftCall padded{.x = z.p,
+                         .out = z.p,
+                         .rows = call.rows,
+                         .n = plan.m,
+                         .inverse = inverse,
+                         .device = call.device,
+                         .stream = call.stream};
+    plan.sides.first != 0 ? four_step_transposed<T>(padded) : fft_dispatch<T>(padded);
   };
 
   each_chunk(call.rows, [&](size_t first, unsigned count) {

@@ -39,8 +39,21 @@ std::vector<std::complex<T>> chirp_of(int n, bool inverse) {
   return chirp;
 }
 
-uint64_t table_key(uint64_t seed, int n, int m, bool inverse, size_t scalar_bytes) {
-  return key_of({seed, uint64_t(n), uint64_t(m), uint64_t(inverse), uint64_t(scalar_bytes)});
+uint64_t table_key(uint64_t seed, int n, int m, bool inverse, size_t scalar_bytes, int side) {
+  return key_of(
+      {seed, uint64_t(n), uint64_t(m), uint64_t(inverse), uint64_t(scalar_bytes), uint64_t(side)});
+}
+
+// Value k1 n2 + k2 at k2 n1 + k1.
+template <class T>
+std::vector<T> transposed(const std::vector<T>& values, int n1, int n2) {
+  std::vector<T> result(values.size());
+  for (int k2 = 0; k2 < n2; ++k2) {
+    for (int k1 = 0; k1 < n1; ++k1) {
+      result[int64_t{k2} * n1 + k1] = values[int64_t{k1} * n2 + k2];
+    }
+  }
+  return result;
 }
 
 template <class T>
@@ -62,28 +75,32 @@ BluesteinArrays<T> bluestein_arrays(int n, int m, bool inverse) {
 }
 
 template <class T>
-BluesteinTables bluestein_tables(int n, int m, bool inverse) {
+BluesteinTables bluestein_tables(int n, int m, bool inverse, std::pair<int, int> sides) {
   std::optional<BluesteinArrays<T>> arrays;  // made on the first miss, for both
   const auto made = [&]() -> const BluesteinArrays<T>& {
     if (!arrays) arrays = bluestein_arrays<T>(n, m, inverse);
     return *arrays;
   };
-  char name[64];
+  const auto [n1, n2] = sides;
+  char name[80];
   BluesteinTables tables;
-  tables.chirp = device_table_built(table_key(kChirpSeed, n, m, inverse, sizeof(T)), [&] {
+  tables.chirp = device_table_built(table_key(kChirpSeed, n, m, inverse, sizeof(T), 0), [&] {
     std::snprintf(name, sizeof name, "blueb_%d_%d_%zu", n, inverse ? 1 : 0, sizeof(T));
     return upload(name, made().chirp);
   });
-  tables.filter = device_table_built(table_key(kFilterSeed, n, m, inverse, sizeof(T)), [&] {
-    std::snprintf(name, sizeof name, "bluef_%d_%d_%d_%zu", n, m, inverse ? 1 : 0, sizeof(T));
-    return upload(name, made().filter);
+  tables.filter = device_table_built(table_key(kFilterSeed, n, m, inverse, sizeof(T), n1), [&] {
+    const int length =
+        std::snprintf(name, sizeof name, "bluef_%d_%d_%d_%zu", n, m, inverse ? 1 : 0, sizeof(T));
+    if (n1 == 0) return upload(name, made().filter);
+    std::snprintf(name + length, sizeof name - length, "_%d", n1);
+    return upload(name, transposed(made().filter, n1, n2));
   });
   return tables;
 }
 
 template BluesteinArrays<float> bluestein_arrays(int, int, bool);
 template BluesteinArrays<double> bluestein_arrays(int, int, bool);
-template BluesteinTables bluestein_tables<float>(int, int, bool);
-template BluesteinTables bluestein_tables<double>(int, int, bool);
+template BluesteinTables bluestein_tables<float>(int, int, bool, std::pair<int, int>);
+template BluesteinTables bluestein_tables<double>(int, int, bool, std::pair<int, int>);
 
 }  // namespace kevra::ops

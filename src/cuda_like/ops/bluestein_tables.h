@@ -2,6 +2,7 @@
 #pragma once
 
 #include <complex>
+#include <utility>
 #include <vector>
 
 #include "cuda_like/device.h"
@@ -23,8 +24,9 @@ struct BluesteinTables {
   devptr_t filter = nullptr;
 };
 
-// Both on the current device, computed and uploaded at the first call.
+// Both on the current device, computed and uploaded at the first call. With sides other than 0 the
+// filter is in the order of four_step_transposed().
 template <class T>
-BluesteinTables bluestein_tables(int n, int m, bool inverse);
+BluesteinTables bluestein_tables(int n, int m, bool inverse, std::pair<int, int> sides = {0, 0});
 
 }  // namespace kevra::ops

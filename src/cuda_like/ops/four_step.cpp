@@ -32,8 +32,8 @@ struct ChainStep : LaunchPlan {
   size_t to_bytes = 0;
 };
 
-// The kernels of a transform, and the one buffer between input and output. A length without sides
-// has none: it is a convolution.
+// The kernels of a transform, and the one buffer between input and output, if they take one. A
+// length without sides has no kernels: it is a convolution.
 struct Chain {
   std::array<ChainStep, 3> steps;
   int count = 0;
@@ -113,6 +113,16 @@ Chain build_complex(const FourStepShape& shape, int device) {
   return chain;
 }
 
+Chain build_transposed(const FftCall& call, bool wide) {
+  Chain chain;
+  const auto route = route_transposed(call.n, wide, call.inverse, device_shared_limit(call.device));
+  if (!route) throw std::invalid_argument("fft: n exceeds the device shared-memory limit");
+  for (const ColumnPass& pass : {route->first, route->second}) {
+    chain.add(column_step(pass, call.device, kInput, kInput));
+  }
+  return chain;
+}
+
 // Split and pack work on the one buffer between, and so do the passes beside them: the second pass
 // stores where it has loaded, and the first of an inverse keeps its places.
 template <class T>
@@ -131,8 +141,8 @@ Chain build_real(const RfftCall& call) {
       chain.add(column_step(parts->second, call.device, kBetween, kBetween));
       chain.add(half_length_step(real, call.device, true));
     }
-  } else if (auto parts = route_four_step({m, wide, true, false, call.half}, limit)) {
-    parts->first.kept = parts->second.kept = true;
+  } else if (const auto parts =
+                 route_four_step({m, wide, true, false, call.half}, limit, Between::kKept)) {
     chain.add(half_length_step(real, call.device, false));
     chain.add(column_step(parts->first, call.device, kBetween, kBetween));
     chain.add(column_step(parts->second, call.device, kBetween, kOutput));
@@ -153,8 +163,9 @@ void launch(const ChainStep& step, devptr_t from, devptr_t to, int64_t row, int6
 }
 
 void run_chain(const Chain& chain, devptr_t x, devptr_t out, int64_t rows, stream_t stream) {
-  const DeviceBuffer between(static_cast<size_t>(rows) * chain.between_bytes, stream);
-  const devptr_t buffers[] = {x, between.p, out};
+  std::optional<DeviceBuffer> between;
+  if (chain.between_bytes != 0) between.emplace(rows * chain.between_bytes, stream);
+  const devptr_t buffers[] = {x, between ? between->p : nullptr, out};
   for (int64_t row = 0; row < rows; row += kFourStepRows) {
     const int64_t count = std::min(rows - row, kFourStepRows);
     for (int i = 0; i < chain.count; ++i) {
@@ -213,6 +224,16 @@ void four_step_real(const RfftCall& call) {
   bluestein_real<T>(call);
 }
 
+template <class T>
+void four_step_transposed(const FftCall& call) {
+  static thread_local PlanMap<Chain> plans;
+  const Chain& chain = planned(plans, plan_key(call.n, call.device, call.inverse ? 1u : 0u),
+                               [&] { return build_transposed(call, sizeof(T) == 8); });
+  run_chain(chain, call.x, call.x, call.rows, call.stream);
+}
+
+template void four_step_transposed<float>(const FftCall&);
+template void four_step_transposed<double>(const FftCall&);
 template void four_step_complex<float>(const FftCall&, bool, bool);
 template void four_step_complex<double>(const FftCall&, bool, bool);
 template void four_step_real<float>(const RfftCall&);

@@ -12,6 +12,12 @@ namespace kevra::ops {
 template <class T>
 void four_step_complex(const FftCall& call, bool full_in, bool full_out);
 
+// In place on `call.x`, with no intermediate; `call.out` and `call.half` are not read. The forward
+// transform leaves value k1 n2 + k2 at k2 n1 + k1, with the sides of four_step_sides(), where the
+// inverse takes it: enough for a convolution.
+template <class T>
+void four_step_transposed(const FftCall& call);
+
 // Even n only.
 template <class T>
 void four_step_real(const RfftCall& call);

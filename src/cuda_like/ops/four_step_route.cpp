@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "codegen/precision.h"
 
@@ -56,7 +57,8 @@ std::pair<int, int> four_step_sides(int n, bool wide, int64_t shared_limit) {
   return {0, 0};
 }
 
-std::optional<FourStepRoute> route_four_step(const FourStepShape& s, int64_t shared_limit) {
+std::optional<FourStepRoute> route_four_step(const FourStepShape& s, int64_t shared_limit,
+                                             Between between) {
   const auto [n1, n2] = four_step_sides(s.n, s.wide, shared_limit);
   if (n1 == 0) return std::nullopt;
   const Twin twin = twin_of(s.wide, shared_limit);
@@ -69,14 +71,35 @@ std::optional<FourStepRoute> route_four_step(const FourStepShape& s, int64_t sha
                    .inverse = s.inverse,
                    .tile = 1,
                    .threads = 1,
-                   .roots = s.n};
+                   .roots = s.n,
+                   .lines_out = between == Between::kLines};
   ColumnPass second = first;
+  second.lines_in = between == Between::kKept;
+  second.lines_out = false;
   second.first = false;
   second.storage_in = twin.compute;
   second.storage_out = s.half_out ? codegen::kHalf : twin.compute;
   fit_tile(first, twin);
   fit_tile(second, twin);
   return FourStepRoute{first, second};
+}
+
+std::optional<FourStepRoute> route_transposed(int n, bool wide, bool inverse,
+                                              int64_t shared_limit) {
+  auto route = route_four_step({n, wide, inverse, false, false}, shared_limit, Between::kKept);
+  if (!route) return route;
+  if (!inverse) {
+    route->second.lines_out = true;
+    return route;
+  }
+  // The sides change parts: lines of k1 first, then columns of k2.
+  const Twin twin = twin_of(wide, shared_limit);
+  for (ColumnPass* pass : {&route->first, &route->second}) {
+    std::swap(pass->n1, pass->n2);
+    pass->lines_in = pass->lines_out = pass->first;
+    fit_tile(*pass, twin);
+  }
+  return route;
 }
 
 std::optional<FourStepRealRoute> route_four_step_real(int m, bool wide, bool half,

@@ -29,8 +29,16 @@ struct FourStepRoute {
   codegen::ColumnPass first;
   codegen::ColumnPass second;
 };
+// Where values stand between the passes: as lines that the second pass reads by columns and may
+// store in place, or where the inputs stood, so that the first pass may work in place.
+enum class Between { kLines, kKept };
 // None for an n that has no sides.
-std::optional<FourStepRoute> route_four_step(const FourStepShape& shape, int64_t shared_limit);
+std::optional<FourStepRoute> route_four_step(const FourStepShape& shape, int64_t shared_limit,
+                                             Between between = Between::kLines);
+
+// A transform whose both passes work in place, at full precision: the forward one leaves value
+// k1 n2 + k2 at k2 n1 + k1, and the inverse takes it there.
+std::optional<FourStepRoute> route_transposed(int n, bool wide, bool inverse, int64_t shared_limit);
 
 // The forward transform of 2 m reals, whose second pass splits as well.
 struct FourStepRealRoute {
