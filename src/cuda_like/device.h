@@ -86,6 +86,9 @@ int current_device();
 int device_shared_limit(int dev);
 // Throws std::invalid_argument when a block of kernel `name` would need more.
 void check_shared(size_t bytes, int dev, const char* name);
+// How many of a kernel's blocks or groups of blocks run side by side; 0 when the platform does not
+// tell.
+int device_multiprocessors(int dev);
 
 // The dialect that kernels of this platform are written in.
 const codegen::Backend& backend();

@@ -97,6 +97,12 @@ int device_shared_limit(int dev) {
   return err != 0 || bytes < 1 ? kLimitWhenUntold : bytes;
 }
 
+int device_multiprocessors(int dev) {
+  int count = 0;
+  const int err = hip_dl::api().DeviceGetAttribute(&count, hip_dl::kAttributeMultiprocessors, dev);
+  return err != 0 || count < 0 ? 0 : count;
+}
+
 void check_shared(size_t bytes, int dev, const char* name) {
   if (bytes > static_cast<size_t>(device_shared_limit(dev))) {
     throw std::invalid_argument(std::string(name) + " exceeds the device shared-memory limit");

@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "codegen/sizes.h"
 #include "families/common.h"
 
 namespace kevra_tools {
@@ -26,7 +27,8 @@ codegen::MelKernel routed(const Values& values, const codegen::ShapeHint& hint) 
       .form = values.at("form"),
       .eps = 1e-10};
   codegen::MelKernel kernel{
-      route_mel(request, values.at("n_mels"), values.at("power"), hint, kSharedLimit)};
+      route_mel(request, {values.at("n_mels"), values.at("power"), values.at("n_cepstra")}, hint,
+                kSharedLimit)};
   kernel.config.in_prec = kernel.config.out_prec =
       prec == kPacked ? codegen::kHalf : codegen::storage_precision(prec);
   kernel.config.win_kind = 0;
@@ -35,6 +37,13 @@ codegen::MelKernel routed(const Values& values, const codegen::ShapeHint& hint) 
 
 // The kernel that the route arrives at under the values as a hint.
 Kernel make_mel(const Values& values) {
+  const int prec = values.at("prec");
+  if (values.at("n_cepstra") > 0 &&
+      !(codegen::is_power_of_two(values.at("n_fft")) && values.at("form") == 3 &&
+        (prec == codegen::kFloat || prec == codegen::kDouble))) {
+    throw std::invalid_argument(
+        "n_cepstra wants an n_fft that is a power of two, form 3 and prec 1 or 2");
+  }
   const codegen::MelKernel kernel =
       routed(values, {.fpb = values.at("fpb"), .tpf = values.at("tpf"), .core = values.at("core")});
   if (kernel.config.core == codegen::StftCore::kFourStep) {
@@ -63,6 +72,8 @@ std::vector<Values> mel_samples() {
   samples.push_back({{"n_fft", 441}, {"hop", 147}, {"prec", codegen::kDouble}});
   samples.push_back({{"n_fft", 400}, {"hop", 160}, {"n_mels", 80}});
   samples.push_back({{"n_fft", 2048}, {"prec", codegen::kDouble}, {"core", 3}});
+  for (int n_fft : {512, 2048}) samples.push_back({{"n_fft", n_fft}, {"n_cepstra", 20}});
+  samples.push_back({{"n_fft", 1024}, {"n_cepstra", 13}, {"prec", codegen::kDouble}});
   return samples;
 }
 
@@ -91,6 +102,7 @@ Family mel_family() {
            {"hop", 0, 0, 1 << 16, "frame step in samples; 0 is a quarter of the frame"},
            {"center", 1, 0, 1, "1 reflects the signal by half a frame at both ends"},
            bands,
+           {"n_cepstra", 0, 0, 1 << 16, "coefficients of the bands' cepstra; 0 stores the bands"},
            {"power", 2, 1, 2, "the bank is applied to magnitudes (1) or powers (2)"},
            {"prec", codegen::kFloat, codegen::kHalf, kPacked,
             "0 half storage, 1 float, 2 double, 3 half storage and arithmetic"},

@@ -2,6 +2,7 @@
 
 #include "codegen/kernel_signature.h"
 #include "codegen/kernel_writer.h"
+#include "codegen/kernels/block_maximum.h"
 #include "codegen/prelude.h"
 
 namespace kevra::codegen {
@@ -23,12 +24,7 @@ std::string DbKernel::source(const Backend& backend) const {
   w.stmt("}");
   w.line("  // the same for all threads: no barrier is left half met");
   w.stmt("if (hastop == 0) return;");
-  w.stmt("red[tid] = pk;");
-  w.barrier();
-  w.stmt("for (int s = $; s > 0; s >>= 1) {", kBlock / 2);
-  w.stmt("  if (tid < s && red[tid + s] > red[tid]) red[tid] = red[tid + s];");
-  w.barrier();
-  w.stmt("}");
+  emit_block_maximum(w, "pk", kBlock);
   w.stmt("$ lo = red[0] - topdb;", t);
   w.line("  // each thread meets the values again that it has stored");
   w.stmt("for (I64 i = tid; i < n; i += $)", kBlock);

@@ -2,6 +2,7 @@
 
 #include "codegen/format.h"
 #include "codegen/kernel_signature.h"
+#include "codegen/kernels/matrix_product.h"
 #include "codegen/kernels/spectrum_output.h"
 #include "codegen/precision.h"
 #include "codegen/prelude.h"
@@ -13,8 +14,8 @@ namespace {
 
 std::string head(const MelKernel& kernel, const Backend& backend) {
   const StftConfig& s = kernel.config;
-  return KernelSignature(MelKernel::kName, backend)
-      .add_const_pointer(backend.scalar_type(s.in_prec), "y")
+  KernelSignature signature(MelKernel::kName, backend);
+  signature.add_const_pointer(backend.scalar_type(s.in_prec), "y")
       .add_pointer(backend.scalar_type(s.out_prec), "mel")
       .add_const_pointer("cplx", "tw")
       .add_const_pointer(backend.scalar_type(s.prec), "win")
@@ -24,11 +25,13 @@ std::string head(const MelKernel& kernel, const Backend& backend) {
       .add_scalar("int", "NFRAMES")
       .add_scalar("int", "SIG_LEN")
       .set_launch_bounds(kernel.block(), 0)
-      .set_shared("cplx", "sh_all")
-      .head();
+      .set_shared("cplx", "sh_all");
+  if (s.ncep > 0) signature.add_const_pointer(backend.scalar_type(s.prec), "D");
+  return signature.head();
 }
 
-// The power spectra stand behind all that the transforms use: one a frame, two for a pair.
+// The power spectra stand behind all that the transforms use: one a frame, two for a pair. Behind
+// those stand the bands that do not leave the block.
 void emit_power_area(KernelWriter& w, const StftConfig& s) {
   const std::string pointer =
       w.backend.shared_pointer_type(w.backend.scalar_type(band_precision(s)));
@@ -42,6 +45,7 @@ void emit_power_area(KernelWriter& w, const StftConfig& s) {
   } else {
     w.stmt("$ powb = $ + f_local * NB;", pointer, area);
   }
+  if (s.ncep > 0) w.stmt("$ bandb = $ + F * NB + f_local * NMELS;", pointer, area);
 }
 
 void emit_powers(KernelWriter& w, const StftConfig& s) {
@@ -55,45 +59,51 @@ void emit_powers(KernelWriter& w, const StftConfig& s) {
   w.if_block("frame < NFRAMES", [&] { emit_bins(w, s, store_at("powb")); });
 }
 
+// The form of output of a band whose weighted sum is `acc`.
+std::string band_value(const KernelWriter& w, int form) {
+  if (form == kMagnitudeForm) return w.sqrt_of("acc");
+  if (form != kDecibelForm) return "acc";
+  return w.prec == kDouble ? "((double)10*log10(acc + (double)EPS))"
+                           : "((float)10*" + w.backend.log10_call("acc + (float)EPS") + ")";
+}
+
+// Every band of a frame once, by the frame's threads, from the NB values of `powers`.
 void emit_frame_bands(KernelWriter& w, const StftConfig& s, const std::string& frame,
                       const std::string& powers) {
   w.if_block(frame + " < NFRAMES", [&] {
-    w.stmt("I64 mb = ((I64)batch*NFRAMES + $) * NMELS;", frame);
-    emit_bands(w, s, powers, [&](const std::string& m, const std::string& acc) {
-      w.stmt("mel[mb + $] = $;", m,
-             w.backend.convert_scalar(s.out_prec, band_value(w, s.form, acc)));
+    const bool stay = s.ncep > 0;
+    if (!stay) w.stmt("I64 mb = ((I64)batch*NFRAMES + $) * NMELS;", frame);
+    w.for_loop("m", "tid", "NMELS", "TPF", [&](const std::string& m) {
+      w.stmt("int off = fb_off[$], len = fb_off[$+1] - off, lo = fb_lo[$];", m, m, m);
+      emit_weighted_sum(w, w.backend.scalar_type(band_precision(s)), "len", "fb_w[off+i+$]",
+                        powers + "[lo+i+$]");
+      w.stmt("$[$] = $;", stay ? "bandb" : "mel", stay ? m : "mb + " + m,
+             w.backend.convert_scalar(s.out_prec, band_value(w, s.form)));
     });
   });
 }
 
-// acc: the sum over i below `len` of two elements' product, `weight` and `power` being texts with a
-// `$` for what stands behind i. One running sum would round a thousand times over wide bands, and
-// every addition would wait for the one before.
-void emit_weighted_sum(KernelWriter& w, const std::string& type, const std::string& weight,
-                       const std::string& power) {
-  constexpr int kSums = 4;
-  const auto add = [&](int sum, int step) {
-    const std::string place = std::to_string(step);
-    w.stmt("acc$ += $ * $;", sum, format(weight.c_str(), {place}), format(power.c_str(), {place}));
-  };
-  for (int s = 0; s < kSums; ++s) w.stmt("$ acc$ = ($)0;", type, s, type);
-  w.stmt("int i = 0;");
-  w.stmt("for (; i + $ < len; i += $) {", kSums - 1, kSums);
-  for (int s = 0; s < kSums; ++s) add(s, s);
-  w.stmt("}");
-  w.stmt("for (; i < len; ++i) {");
-  add(0, 0);
-  w.stmt("}");
-  w.stmt("$ acc = (acc0 + acc1) + (acc2 + acc3);", type);
+void emit_cepstra(KernelWriter& w, const StftConfig& s) {
+  w.line("  // the cepstra: a coefficient reads all bands of its frame");
+  w.barrier();
+  w.if_block("frame < NFRAMES", [&] {
+    w.stmt("I64 ob = ((I64)batch*NFRAMES + frame) * NCEP;");
+    w.for_loop("c", "tid", "NCEP", "TPF", [&](const std::string& c) {
+      emit_weighted_sum(w, w.backend.scalar_type(s.prec), "NMELS", "D[(I64)" + c + "*NMELS+i+$]",
+                        "bandb[i+$]");
+      w.stmt("mel[ob + $] = acc;", c);
+    });
+  });
 }
 
 }  // namespace
 
-StftConfig route_mel(const StftRequest& request, int n_mels, int power, const ShapeHint& hint,
+StftConfig route_mel(const StftRequest& request, const BandShape& bands, const ShapeHint& hint,
                      int64_t cap) {
   StftConfig s = route_stft(request, hint, cap);
-  s.n_mels = n_mels;
-  s.power = power;
+  s.n_mels = bands.n_mels;
+  s.power = bands.power;
+  s.ncep = bands.n_cepstra;
   if (s.core == StftCore::kFourStep) return s;
   const auto fits = [&] { return static_cast<int64_t>(MelKernel{s}.shared_bytes()) <= cap; };
   while (s.fpb > 1 && !fits()) --s.fpb;
@@ -106,32 +116,18 @@ int band_precision(const StftConfig& config) {
 }
 
 std::string MelKernel::key() const {
-  return frame_key("raw_mel", config) +
-         format("_$_$", {std::to_string(config.n_mels), std::to_string(config.power)}) +
+  return frame_key(config.ncep > 0 ? "raw_cepf" : "raw_mel", config) +
+         format("_$_$_$", {std::to_string(config.n_mels), std::to_string(config.power),
+                           std::to_string(config.ncep)}) +
          eps_key(config.form, config.eps);
 }
 
 size_t MelKernel::shared_bytes() const {
   const size_t bins = config.n_fft / 2 + 1;
   const size_t frames = config.pair ? 2 : config.fpb;
-  return frame_shared_bytes(config) + frames * bins * complex_bytes(band_precision(config)) / 2;
-}
-
-std::string band_value(const KernelWriter& w, int form, const std::string& acc) {
-  if (form == kMagnitudeForm) return w.sqrt_of(acc);
-  if (form != kDecibelForm) return acc;
-  return w.prec == kDouble ? "((double)10*log10(" + acc + " + (double)EPS))"
-                           : "((float)10*" + w.backend.log10_call(acc + " + (float)EPS") + ")";
-}
-
-void emit_bands(KernelWriter& w, const StftConfig& config, const std::string& powers,
-                const BandSink& sink) {
-  const std::string type = w.backend.scalar_type(band_precision(config));
-  w.for_loop("m", "tid", "NMELS", "TPF", [&](const std::string& m) {
-    w.stmt("int off = fb_off[$], len = fb_off[$+1] - off, lo = fb_lo[$];", m, m, m);
-    emit_weighted_sum(w, type, "fb_w[off+i+$]", powers + "[lo+i+$]");
-    sink(m, "acc");
-  });
+  const size_t bands = config.ncep > 0 ? config.n_mels : 0;
+  return frame_shared_bytes(config) +
+         frames * (bins + bands) * complex_bytes(band_precision(config)) / 2;
 }
 
 std::string mel_source(const MelKernel& kernel, const Backend& backend) {
@@ -151,9 +147,12 @@ std::string mel_source(const MelKernel& kernel, const Backend& backend) {
   } else {
     emit_frame_bands(w, s, "frame", "powb");
   }
+  if (s.ncep > 0) emit_cepstra(w, s);
+  const std::string cepstra =
+      s.ncep > 0 ? format("#define NCEP $\n", {std::to_string(s.ncep)}) : "";
   return frame_title(s) + frame_prelude(backend, s) + frame_defines(s) +
-         format("#define NMELS $\n", {std::to_string(s.n_mels)}) + eps_define(s.form, s.eps) +
-         head(kernel, backend) + w.str() + "}\n";
+         format("#define NMELS $\n", {std::to_string(s.n_mels)}) + cepstra +
+         eps_define(s.form, s.eps) + head(kernel, backend) + w.str() + "}\n";
 }
 
 std::string BandKernel::key() const {
@@ -180,9 +179,9 @@ std::string band_source(const BandKernel& kernel, const Backend& backend) {
   w.stmt("row += row0;");
   w.stmt("const DEV $* pb = P + row * $;", type, kernel.bins);
   w.stmt("int j0 = off[m], len = off[m + 1] - j0, l0 = lo[m];");
-  emit_weighted_sum(w, type, "w[j0+i+$]", "pb[l0+i+$]");
+  emit_weighted_sum(w, type, "len", "w[j0+i+$]", "pb[l0+i+$]");
   w.stmt("mel[row * $ + m] = $;", kernel.n_mels,
-         backend.convert_scalar(kernel.storage, band_value(w, kernel.form, "acc")));
+         backend.convert_scalar(kernel.storage, band_value(w, kernel.form)));
   return backend.source_preamble(kernel.storage == kHalf ? kHalf : kernel.compute) +
          i64_prelude(backend) + eps_define(kernel.form, kernel.eps) + head + w.str() + "}\n";
 }

@@ -1,10 +1,10 @@
 // Bands of spectra in one kernel: the frame's spectrum stays in shared memory, where a bank of
-// filters reads it. Beside it the kernel that reduces spectra already in device memory.
+// filters reads it, and so do the bands where the kernel goes on to their cepstra. Beside it the
+// kernel that reduces spectra already in device memory.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <string>
 
 #include "codegen/backend.h"
@@ -14,10 +14,16 @@
 
 namespace kevra::codegen {
 
-// The schedule of a request whose spectra, of magnitude (`power` 1) or of power (2), go through
-// n_mels bands: route_stft's, with room left for the spectra. The four-step core stands for frames
-// that leave none.
-StftConfig route_mel(const StftRequest& request, int n_mels, int power, const ShapeHint& hint,
+// What becomes of the spectra, of magnitude (`power` 1) or of power (2). With cepstra the frames
+// have a power of two of samples and the bands are decibels.
+struct BandShape {
+  int n_mels;
+  int power;
+  int n_cepstra = 0;  // 0 stores the bands themselves
+};
+// The schedule of a request whose spectra go through bands: route_stft's, with room left for the
+// spectra and for bands that stay. The four-step core stands for frames that leave none.
+StftConfig route_mel(const StftRequest& request, const BandShape& bands, const ShapeHint& hint,
                      int64_t cap);
 
 // The precision of powers, weights and sums: that of the arithmetic, but float where it is half.
@@ -25,7 +31,9 @@ StftConfig route_mel(const StftRequest& request, int n_mels, int power, const Sh
 int band_precision(const StftConfig& config);
 
 // The kernel takes (y, mel, tw, win, fb_lo, fb_off, fb_w, NFRAMES, SIG_LEN): rows of SIG_LEN
-// samples in, rows of NFRAMES times n_mels values out. The bank shapes no text.
+// samples in, rows of NFRAMES times n_mels values out. The bank shapes no text. With config.ncep a
+// matrix D of ncep x n_mels follows the arguments, and rows of NFRAMES times ncep values come out:
+// the products of D with the bands.
 struct MelKernel {
   static constexpr const char* kName = "kevra_mel";
 
@@ -40,12 +48,6 @@ std::string mel_source(const MelKernel& kernel, const Backend& backend);
 
 // The form of output of a band whose weighted sum is `acc`.
 std::string band_value(const KernelWriter& w, int form, const std::string& acc);
-
-// Band `m` of a frame, with its weighted sum in `acc`.
-using BandSink = std::function<void(const std::string& m, const std::string& acc)>;
-// Every band once, by the frame's threads, from the NB values of `powers`. Guards are the caller's.
-void emit_bands(KernelWriter& w, const StftConfig& config, const std::string& powers,
-                const BandSink& sink);
 
 // Bands of rows of `bins` values in device memory: a thread a band, grid (blocks, rows). Takes
 // (P, mel, lo, off, w, row0); rows start at row0, so that more rows than a grid holds take several

@@ -13,6 +13,7 @@ void bind_db(pybind11::module_& m);
 void bind_spectrograms(pybind11::module_& m);
 void bind_istft(pybind11::module_& m);
 void bind_mel(pybind11::module_& m);
+void bind_cepstra(pybind11::module_& m);
 void bind_convolution(pybind11::module_& m);
 void bind_lfilter(pybind11::module_& m);
 void bind_routing(pybind11::module_& m);

@@ -1,10 +1,10 @@
 #include "cuda_like/ops/mel.h"
 
 #include <cstdint>
-#include <stdexcept>
 #include <string>
 
 #include "rocm/bindings/arrays.h"
+#include "rocm/bindings/banks.h"
 #include "rocm/bindings/bindings.h"
 #include "rocm/bindings/windows.h"
 
@@ -12,20 +12,6 @@ namespace py = pybind11;
 
 namespace kevra::bindings {
 namespace {
-
-// The filter bank argument of Python callers. Lives as long as the call that it is the argument of.
-struct BankArgument {
-  explicit BankArgument(const py::object& object) : array(object) {
-    if (array.ndim() != 2) {
-      throw std::invalid_argument("mel: fb has " + std::to_string(array.ndim()) +
-                                  " dimensions, must be a 2-D (n_mels, n_fft // 2 + 1) array");
-    }
-    bank = filter_bank(array.data(), array.shape(0), array.shape(1));
-  }
-
-  py::array_t<double, py::array::c_style | py::array::forcecast> array;
-  FilterBank bank;
-};
 
 template <class T>
 py::object mel_staged(const py::object& y, const ops::MelOptions& options) {
