@@ -11,6 +11,8 @@ from kevra import _diagnostics
 FRAME_SECONDS = 0.04  # short enough for syllables, long enough to tell the harmonics of a voice apart
 SHORTEST, LONGEST = 16, 8192
 MOST_BANDS = 128
+COEFFICIENTS = 20
+CEPSTRA_RANGE = 80.0  # dB below the loudest band, where the cepstra's floor is
 # A warm time is the median of as many calls as fit both.
 WARM_CALLS, WARM_SECONDS = 20, 0.5
 
@@ -28,12 +30,16 @@ class Setting:
 
 @dataclass
 class Analysis:
-    """Rows are channels. ``level`` and ``mel`` are in dB, (channels, bins or bands, frames)."""
+    """Rows are channels. ``level`` and ``mel`` are in dB, (channels, bins or bands, frames); ``cepstra`` are (channels,
+    coefficients, frames), and ``onset`` is the mean rise of the mel bands in dB a frame.
+    """
 
     rms: np.ndarray
     spectrum: np.ndarray
     level: np.ndarray
     mel: np.ndarray
+    cepstra: np.ndarray
+    onset: np.ndarray
     round_trip: np.ndarray
 
 
@@ -71,9 +77,12 @@ def analyse(signal: np.ndarray, s: Setting) -> tuple[Analysis, dict[str, Timing]
     spectrum = timed("STFT", kevra.stft_staged, signal, "hann", s.frame, s.hop, True, "complex")
     level = timed("STFT in dB", kevra.stft_staged, signal, s.level_window, s.frame, s.hop, True, "db")
     mel = timed("mel in dB", kevra.mel_staged, signal, s.level_window, s.bank, s.frame, s.hop, True, 2, "db")
+    cepstra = timed("MFCC", kevra.cepstra_staged, signal, s.level_window, s.bank, s.frame, s.hop, True,
+                    min(COEFFICIENTS, len(s.bank)), 0.0, CEPSTRA_RANGE)
+    onset = timed("onset", kevra.onset_strength_staged, mel)
     # The spectrum is a view whose frames lie one behind the other in memory: turned round, it is not copied.
     back = timed("ISTFT", kevra.istft_staged, spectrum.swapaxes(1, 2), "hann", s.frame, s.hop, True, signal.shape[1])
-    return Analysis(rms, spectrum, level, mel, back), times
+    return Analysis(rms, spectrum, level, mel, cepstra, onset, back), times
 
 
 def measure(call):

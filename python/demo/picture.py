@@ -1,4 +1,4 @@
-"""Draws a recording: waveform, spectrogram and mel spectrogram over one time axis."""
+"""Draws a recording over one time axis: waveform, spectrogram, mel spectrogram, cepstra and onset strength."""
 
 from pathlib import Path
 
@@ -11,6 +11,8 @@ from matplotlib.ticker import FuncFormatter, MaxNLocator
 
 INK, MUTED, GRID, WAVE = "#1f2430", "#667085", "#e4e7ec", "#7ea6e8"
 COLOURS = "magma"
+SIGNED_COLOURS = "RdBu_r"
+SHAPE_SHARE = 99.5  # of the coefficients, in percent, are within the colours
 MOST_CHANNELS = 2
 LEVEL_RANGE = 90  # dB from the brightest to the darkest colour
 FLOOR = -100  # dB of silence
@@ -22,28 +24,35 @@ def draw(name, signal, s, result, path: Path) -> Path:
     """One column a channel, two at most."""
     shown = min(len(signal), MOST_CHANNELS)
     figure, axes = plt.subplots(
-        3, shown, sharex=True, sharey="row", squeeze=False, figsize=(4.5 + 6.5 * shown, 8.4), layout="constrained",
-        height_ratios=[1, 1.7, 1.7],
+        5, shown, sharex=True, sharey="row", squeeze=False, figsize=(4.5 + 6.5 * shown, 12.4), layout="constrained",
+        height_ratios=[1, 1.7, 1.7, 1.3, 0.8],
     )
     top = max(10 * np.ceil(max(result.level[:shown].max(), result.mel[:shown].max()) / 10), FLOOR + LEVEL_RANGE)
     colours = {"cmap": COLOURS, "vmin": max(top - LEVEL_RANGE, FLOOR), "vmax": top}
+    shape = shape_colours(result.cepstra[:shown])
     for channel in range(shown):
-        wave, level, mel = axes[:, channel]
+        wave, level, mel, cepstra, onset = axes[:, channel]
         draw_waveform(wave, signal[channel], result.rms[channel], s)
         draw_level(level, result.level[channel], s, colours)
         image = draw_mel(mel, result.mel[channel], s, colours)
-        mel.set_xlim(0, signal.shape[1] / s.rate)
-        mel.set_xlabel("time in seconds")
+        shape_image = draw_cepstra(cepstra, result.cepstra[channel], s, shape)
+        draw_onset(onset, result.onset[channel], s)
+        onset.set_xlim(0, signal.shape[1] / s.rate)
+        onset.set_xlabel("time in seconds")
         of = f", channel {channel + 1}" if len(signal) > 1 else ""
-        for axis, title in (wave, "Waveform and RMS"), (level, "Spectrogram"), (mel, "Mel spectrogram"):
+        titles = ["Waveform and RMS", "Spectrogram", "Mel spectrogram", "Mel cepstra (MFCC)", "Onset strength"]
+        for axis, title in zip(axes[:, channel], titles, strict=True):
             head(axis, title + of)
     axes[0, 0].set_ylabel("amplitude\n(full scale = 1)")
     axes[1, 0].set_ylabel("frequency in Hz")
     axes[2, 0].set_ylabel(f"{len(s.bank)} mel bands\n(frequency of their peaks in Hz)")
+    axes[3, 0].set_ylabel("coefficient")
+    axes[4, 0].set_ylabel("mean rise\nin dB a frame")
     legend(axes[0, -1])
     for axis in axes.flat:
         style(axis)
-    bar(figure, image, axes[1:, :])
+    bar(figure, image, axes[1:3, :])
+    bar(figure, shape_image, axes[3, :], "coefficient in dB", extend="both", aspect=15)
     rest = f" (channels 1 and 2 of {len(signal)})" if len(signal) > shown else ""
     figure.suptitle(name + rest, x=0.008, ha="left", fontsize=14, fontweight="bold", color=INK)
     frames = f"{s.rate} Hz, frames of {s.frame} samples every {s.hop}, Hann window"
@@ -90,6 +99,24 @@ def draw_mel(axis, mel, s, colours):
     return show(axis, mel, s, edges, edges, colours)
 
 
+def shape_colours(cepstra):
+    largest = np.percentile(abs(cepstra[:, 1:]), SHAPE_SHARE) if cepstra.shape[1] > 1 else 0
+    return {"cmap": SIGNED_COLOURS, "vmin": -max(largest, 1), "vmax": max(largest, 1)}
+
+
+def draw_cepstra(axis, cepstra, s, colours):
+    """Without the first, which is the level and would outshine the shape."""
+    edges = (0.5, max(len(cepstra), 2) - 0.5)
+    shape = cepstra[1:] if len(cepstra) > 1 else 0 * cepstra
+    return show(axis, shape, s, edges, edges, colours)
+
+
+def draw_onset(axis, onset, s):
+    axis.plot(frame_seconds(len(onset), s), onset, color=INK, linewidth=1.0)
+    axis.set_ylim(0, max(float(onset.max()) * 1.05, 1))
+    axis.grid(color=GRID, linewidth=0.8)
+
+
 def show(axis, values, s, edges, limits, colours):
     """A frame's column stands around the middle of the frame."""
     middle = frame_seconds(values.shape[1], s)
@@ -118,9 +145,9 @@ def legend(axis):
         handle.set_linewidth(2)
 
 
-def bar(figure, image, axes):
-    scale = figure.colorbar(image, ax=axes, aspect=40, pad=0.012, fraction=0.03, extend="min")
-    scale.set_label("level in dB (a sine at full scale = 0 dB)", color=INK, fontsize=10)
+def bar(figure, image, axes, label="level in dB (a sine at full scale = 0 dB)", extend="min", aspect=40):
+    scale = figure.colorbar(image, ax=axes, aspect=aspect, pad=0.012, fraction=0.03, extend=extend)
+    scale.set_label(label, color=INK, fontsize=10)
     scale.outline.set_visible(False)
     scale.ax.tick_params(colors=MUTED, labelcolor=INK, labelsize=9.5)
 

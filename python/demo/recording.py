@@ -1,4 +1,4 @@
-"""A recording as waveform, spectrogram and mel spectrogram, and its round trip through the spectrum: see ./demo."""
+"""A recording as waveform, spectrograms, cepstra and onsets, and its round trip through the spectrum: see ./demo."""
 
 import argparse
 import subprocess

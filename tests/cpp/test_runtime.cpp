@@ -179,6 +179,11 @@ TEST_F(Runtime, SharedMemoryIsCheckedAgainstTheDevice) {
   EXPECT_EQ(device_shared_limit(99), 49152) << "the limit when the device does not tell";
 }
 
+TEST_F(Runtime, CountsMultiprocessorsWhereTheDeviceTells) {
+  EXPECT_GE(device_multiprocessors(1), 1);
+  EXPECT_EQ(device_multiprocessors(99), 0);
+}
+
 TEST_F(Runtime, ARefusedDeviceDoesNotBecomeCurrent) {
   select_device(1);
   for (int device : {-1, 2, 1000}) EXPECT_THROW(select_device(device), std::runtime_error);
