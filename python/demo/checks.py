@@ -26,8 +26,9 @@ class Check:
 def check(signal: np.ndarray, result: Analysis, s: Setting) -> list[Check]:
     """RMS: 256 threads add frame / 256 squares each, 8 additions join them, and the square, the division and the root
     round too. STFT: relative, in the Euclidean norm. A band's error is a share of its frame's loudest band, so the
-    weaker band may be off by more decibels. MFCC: in double, relative, in the Euclidean norm. Onset: from the same bands,
-    relative; 256 threads add their rises as with RMS. Round trip: against the signal itself, relative to its peak.
+    weaker band may be off by more decibels. MFCC: in double, relative, in the Euclidean norm. Onset: from the same
+    bands, relative; 256 threads add their rises as with RMS. Round trip: against the signal itself, relative to its
+    peak.
     """
     rms = mel = stft_error = stft_size = 0.0
     decibels = [[] for _ in signal]
