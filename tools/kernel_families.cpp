@@ -11,7 +11,8 @@ const std::vector<Family>& families() {
       mel_family(),           mel_bands_family(),    cepstra_family(),       cepstra_peak_family(),
       inverse_mel_family(),   db_family(),           db_inverse_family(),    onset_family(),
       lfilter_family(),       lfilter_pack_family(), lfilter_basis_family(), conv_pad_family(),
-      conv_multiply_family(), conv_slice_family(),   conv_direct_family()};
+      conv_multiply_family(), conv_slice_family(),   conv_direct_family(),   gl_step_family(),
+      gl_mul_family()};
   return all;
 }
 

@@ -41,6 +41,25 @@ def stft_reference(y, window, n_fft, hop, center):
     return np.fft.rfft(frames, axis=-1).transpose(0, 2, 1)
 
 
+def overlap_add(z, window, n, hop, center, length=-1):
+    """From (batch, frames, bins): signal, summed squared windows, and the most of a row before the division."""
+    batch, frames, bins = z.shape
+    z = z.astype(np.complex128)
+    z[..., 0].imag = 0
+    if n % 2 == 0:
+        z[..., -1].imag = 0
+    total = (frames - 1) * hop + n
+    raw, envelope = np.zeros((batch, total)), np.zeros(total)
+    for t in range(frames):
+        raw[:, t * hop:t * hop + n] += np.fft.irfft(z[:, t], n) * window
+        envelope[t * hop:t * hop + n] += window**2
+    pad = n // 2 if center else 0
+    end = pad + min(length if length >= 1 else total - 2 * pad, total - pad)
+    heard = envelope > 1e-8
+    signal = np.where(heard, raw / np.where(heard, envelope, 1), 0)
+    return signal[:, pad:end], envelope[pad:end], abs(raw).max(axis=1, keepdims=True)
+
+
 # Relative error of a whole spectrogram in the Euclidean norm. Frames that go through device memory add the error of
 # one long transform, which has bounds of its own.
 SPECTRUM_ERROR = {DOUBLE: 1e-14, 1: 4e-7}

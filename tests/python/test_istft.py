@@ -7,6 +7,7 @@ import kevra
 import numpy as np
 import pytest
 from kevra import _diagnostics
+from spectrograms import overlap_add
 from support import DOUBLE, FLOAT, HALF, STORAGE, UNIT, Device, Fresh, fresh, pools_in_use
 
 ROUTES = {  # by what makes the frames; n_fft, hop
@@ -34,25 +35,6 @@ def as_at_start():
 def window_of(n, periods=1):
     """A raised cosine on a pedestal: no hop up to n leaves a gap."""
     return 0.54 - 0.46 * np.cos(2 * np.pi * periods * np.arange(n) / n)
-
-
-def overlap_add(z, window, n, hop, center, length=-1):
-    """Signal, summed squared windows, and the most of a row before the division."""
-    batch, frames, bins = z.shape
-    z = z.astype(np.complex128)
-    z[..., 0].imag = 0
-    if n % 2 == 0:
-        z[..., -1].imag = 0
-    total = (frames - 1) * hop + n
-    raw, envelope = np.zeros((batch, total)), np.zeros(total)
-    for t in range(frames):
-        raw[:, t * hop:t * hop + n] += np.fft.irfft(z[:, t], n) * window
-        envelope[t * hop:t * hop + n] += window**2
-    pad = n // 2 if center else 0
-    end = pad + min(length if length >= 1 else total - 2 * pad, total - pad)
-    heard = envelope > 1e-8
-    signal = np.where(heard, raw / np.where(heard, envelope, 1), 0)
-    return signal[:, pad:end], envelope[pad:end], abs(raw).max(axis=1, keepdims=True)
 
 
 def spectra(batch, frames, n, prec, seed=0):

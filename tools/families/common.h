@@ -40,5 +40,7 @@ Family conv_pad_family();
 Family conv_multiply_family();
 Family conv_slice_family();
 Family conv_direct_family();
+Family gl_mul_family();
+Family gl_step_family();
 
 }  // namespace kevra_tools
