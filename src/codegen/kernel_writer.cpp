@@ -85,8 +85,16 @@ std::string KernelWriter::twiddle(const std::string& index, int order, bool from
   const std::string angle = fresh("a");
   const std::string cosine = fresh("c");
   const std::string sine = fresh("s");
-  stmt("$ $ = ($)($) * ($)($);", working, angle, working, number_literal(circle(conjugate) / order),
-       working, index);
+  const double step = circle(conjugate) / order;
+  if (prec != kFloat) {
+    stmt("$ $ = ($)($) * ($)($);", working, angle, working, number_literal(step), working, index);
+  } else {
+    // What a float leaves out of the step counts `index` times: without it a float transform of
+    // 10000 points is off by 4.2e-7, with it by 2.8e-7. A plain sum, which compilers fuse as they
+    // like, gains half of that.
+    stmt("float $ = fmaf((float)($), (float)($), (float)($) * (float)($));", angle,
+         number_literal(step), index, number_literal(step - static_cast<float>(step)), index);
+  }
   stmt("$ $, $; $", working, cosine, sine, backend.sincos_call(prec, angle, cosine, sine));
   const std::string cast = "(" + backend.scalar_type(prec) + ")";
   return complex_value(cast + cosine, cast + sine);

@@ -76,7 +76,8 @@ TEST(KernelWriter, TwiddlesComeFromSharedMemoryThenATableThenSincos) {
   EXPECT_EQ(twiddle_text(kDouble, 8, false, true, tables),
             "  cplx v0 = small[(ii) * 125];\n  cplx v1 = cmk(v0.x, -v0.y);\n");
   EXPECT_EQ(twiddle_text(kFloat, 8, false, true),
-            "  float a0 = (float)(0.78539816339744828) * (float)(ii);\n"
+            "  float a0 = fmaf((float)(0.78539816339744828), (float)(ii), "
+            "(float)(-2.1855695031547384e-08) * (float)(ii));\n"
             "  float c1, s2; __sincosf(a0, &s2, &c1);\n"
             "  cplx v3 = cmk((float)c1, (float)s2);\n");
   EXPECT_EQ(twiddle_text(kDouble, 8192, false, false, tables),

@@ -125,7 +125,7 @@ extern "C" __global__ void __launch_bounds__(64) kevra_fft(const iot* __restrict
   }
   __syncthreads();
   if (t45 < 8) {
-  float a56 = (float)(-0.098174770424681035) * (float)(ii46);
+  float a56 = fmaf((float)(-0.098174770424681035), (float)(ii46), (float)(2.731961878943423e-09) * (float)(ii46));
   float c57, s58; __sincosf(a56, &s58, &c57);
   cplx v59 = cmk((float)c57, (float)s58);
   cplx v60 = cmul(g49, v59);

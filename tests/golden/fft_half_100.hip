@@ -211,7 +211,7 @@ extern "C" __global__ void __launch_bounds__(16) kevra_fft(const iot* __restrict
   }
   __syncthreads();
   if (t120 < 20) {
-  float a136 = (float)(-0.25132741228718347) * (float)(ii121);
+  float a136 = fmaf((float)(-0.25132741228718347), (float)(ii121), (float)(1.2954286865429765e-08) * (float)(ii121));
   float c137, s138; __sincosf(a136, &s138, &c137);
   cplx v139 = cmk((float)c137, (float)s138);
   cplx v140 = cmul(g124, v139);
@@ -280,7 +280,7 @@ extern "C" __global__ void __launch_bounds__(16) kevra_fft(const iot* __restrict
   bufA[SHP(jj122*25 + 20 + ii121)] = v198;
   }
   if (t128 < 20) {
-  float a199 = (float)(-0.25132741228718347) * (float)(ii129);
+  float a199 = fmaf((float)(-0.25132741228718347), (float)(ii129), (float)(1.2954286865429765e-08) * (float)(ii129));
   float c200, s201; __sincosf(a199, &s201, &c200);
   cplx v202 = cmk((float)c200, (float)s201);
   cplx v203 = cmul(g132, v202);
@@ -379,7 +379,7 @@ extern "C" __global__ void __launch_bounds__(16) kevra_fft(const iot* __restrict
   }
   __syncthreads();
   if (t262 < 25) {
-  float a276 = (float)(-0.062831853071795868) * (float)(ii263);
+  float a276 = fmaf((float)(-0.062831853071795868), (float)(ii263), (float)(3.2385717163574412e-09) * (float)(ii263));
   float c277, s278; __sincosf(a276, &s278, &c277);
   cplx v279 = cmk((float)c277, (float)s278);
   cplx v280 = cmul(g266, v279);
@@ -403,7 +403,7 @@ extern "C" __global__ void __launch_bounds__(16) kevra_fft(const iot* __restrict
   bufA[SHP(jj264*100 + 75 + ii263)] = v294;
   }
   if (t269 < 25) {
-  float a295 = (float)(-0.062831853071795868) * (float)(ii270);
+  float a295 = fmaf((float)(-0.062831853071795868), (float)(ii270), (float)(3.2385717163574412e-09) * (float)(ii270));
   float c296, s297; __sincosf(a295, &s297, &c296);
   cplx v298 = cmk((float)c296, (float)s297);
   cplx v299 = cmul(g273, v298);

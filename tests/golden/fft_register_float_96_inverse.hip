@@ -128,7 +128,7 @@ extern "C" __global__ void __launch_bounds__(64) kevra_fft(const iot* __restrict
   cplx v108 = cmul(v88, v107);
   cplx v109 = cadd(v78, v108);
   cplx v110 = csub(v78, v108);
-  float a111 = (float)(-0.065449846949787352) * (float)(j0);
+  float a111 = fmaf((float)(-0.065449846949787352), (float)(j0), (float)(1.8213079239215446e-09) * (float)(j0));
   float c112, s113; __sincosf(a111, &s113, &c112);
   cplx v114 = cmk((float)c112, (float)s113);
   cplx v115 = cmul(v93, v114);
@@ -146,7 +146,7 @@ extern "C" __global__ void __launch_bounds__(64) kevra_fft(const iot* __restrict
   cplx v127 = cmul(v94, v126);
   cplx v128 = cmul(v126, v114);
   cplx v129 = cmul(v98, v128);
-  float a130 = (float)(-0.065449846949787352) * (float)(9 * j0);
+  float a130 = fmaf((float)(-0.065449846949787352), (float)(9 * j0), (float)(1.8213079239215446e-09) * (float)(9 * j0));
   float c131, s132; __sincosf(a130, &s132, &c131);
   cplx v133 = cmk((float)c131, (float)s132);
   cplx v134 = cmul(v102, v133);
@@ -238,7 +238,7 @@ extern "C" __global__ void __launch_bounds__(64) kevra_fft(const iot* __restrict
   cplx v170 = cmul(v166, v169);
   cplx v171 = cadd(v164, v170);
   cplx v172 = csub(v164, v170);
-  float a173 = (float)(-0.78539816339744828) * (float)(j140);
+  float a173 = fmaf((float)(-0.78539816339744828), (float)(j140), (float)(2.1855695031547384e-08) * (float)(j140));
   float c174, s175; __sincosf(a173, &s175, &c174);
   cplx v176 = cmk((float)c174, (float)s175);
   cplx v177 = cmul(v171, v176);
@@ -256,7 +256,7 @@ extern "C" __global__ void __launch_bounds__(64) kevra_fft(const iot* __restrict
   cplx v189 = cmul(v185, v188);
   cplx v190 = cadd(v183, v189);
   cplx v191 = csub(v183, v189);
-  float a192 = (float)(-0.78539816339744828) * (float)(j146);
+  float a192 = fmaf((float)(-0.78539816339744828), (float)(j146), (float)(2.1855695031547384e-08) * (float)(j146));
   float c193, s194; __sincosf(a192, &s194, &c193);
   cplx v195 = cmk((float)c193, (float)s194);
   cplx v196 = cmul(v190, v195);
@@ -274,7 +274,7 @@ extern "C" __global__ void __launch_bounds__(64) kevra_fft(const iot* __restrict
   cplx v208 = cmul(v204, v207);
   cplx v209 = cadd(v202, v208);
   cplx v210 = csub(v202, v208);
-  float a211 = (float)(-0.78539816339744828) * (float)(j152);
+  float a211 = fmaf((float)(-0.78539816339744828), (float)(j152), (float)(2.1855695031547384e-08) * (float)(j152));
   float c212, s213; __sincosf(a211, &s213, &c212);
   cplx v214 = cmk((float)c212, (float)s213);
   cplx v215 = cmul(v209, v214);

@@ -17,7 +17,7 @@ extern "C" __global__ void __launch_bounds__(16) kevra_irfft(const iot* __restri
   I64 brow = batch < nrows - 1 ? batch : nrows - 1;
   const DEV iot* Xb = X + brow * 31;
   TG cplx* bufA = shbuf + (threadIdx.x / TPF) * 30;
-  float a0 = (float)(0.10471975511965977) * (float)(tid);
+  float a0 = fmaf((float)(0.10471975511965977), (float)(tid), (float)(-2.9140926754989138e-09) * (float)(tid));
   float c1, s2; __sincosf(a0, &s2, &c1);
   cplx v3 = cmk((float)c1, (float)s2);
   cplx wc = v3;
@@ -127,7 +127,7 @@ extern "C" __global__ void __launch_bounds__(16) kevra_irfft(const iot* __restri
   }
   __syncthreads();
   if (t66 < 10) {
-  float a72 = (float)(-0.41887902047863906) * (float)(ii67);
+  float a72 = fmaf((float)(-0.41887902047863906), (float)(ii67), (float)(1.1656370701995655e-08) * (float)(ii67));
   float c73, s74; __sincosf(a72, &s74, &c73);
   cplx v75 = cmk((float)c73, (float)s74);
   cplx v76 = cmul(g70, v75);
@@ -165,7 +165,7 @@ extern "C" __global__ void __launch_bounds__(16) kevra_irfft(const iot* __restri
   }
   __syncthreads();
   if (t93 < 15) {
-  float a98 = (float)(-0.20943951023931953) * (float)(ii94);
+  float a98 = fmaf((float)(-0.20943951023931953), (float)(ii94), (float)(5.8281853509978276e-09) * (float)(ii94));
   float c99, s100; __sincosf(a98, &s100, &c99);
   cplx v101 = cmk((float)c99, (float)s100);
   cplx v102 = cmul(g97, v101);

@@ -293,7 +293,7 @@ extern "C" __global__ void __launch_bounds__(63) kevra_rfft(const __half* __rest
   cplx v270 = cmk((float)-0.49999999999999978, (float)-0.86602540378443871);
   cplx v271 = cmul(v258, v270);
   cplx v272 = cadd(v269, v271);
-  float a273 = (float)(-0.13962634015954636) * (float)(j0);
+  float a273 = fmaf((float)(-0.13962634015954636), (float)(j0), (float)(-1.0815968398691922e-09) * (float)(j0));
   float c274, s275; __sincosf(a273, &s275, &c274);
   cplx v276 = cmk((float)c274, (float)s275);
   cplx v277 = cmul(v206, v276);
@@ -311,7 +311,7 @@ extern "C" __global__ void __launch_bounds__(63) kevra_rfft(const __half* __rest
   cplx v289 = cmul(v230, v288);
   cplx v290 = cmul(v288, v276);
   cplx v291 = cmul(v248, v290);
-  float a292 = (float)(-0.13962634015954636) * (float)(9 * j0);
+  float a292 = fmaf((float)(-0.13962634015954636), (float)(9 * j0), (float)(-1.0815968398691922e-09) * (float)(9 * j0));
   float c293, s294; __sincosf(a292, &s294, &c293);
   cplx v295 = cmk((float)c293, (float)s294);
   cplx v296 = cmul(v266, v295);

@@ -64,6 +64,9 @@ KEVRA_DEVICE float log10f(float x) {
   return __builtin_elementwise_log10(x);
 }
 
+KEVRA_DEVICE float fmaf(float x, float y, float z) {
+  return __builtin_fmaf(x, y, z);
+}
 KEVRA_DEVICE float kevra_fma(float x, float y, float z) {
   return __builtin_fmaf(x, y, z);
 }

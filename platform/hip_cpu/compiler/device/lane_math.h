@@ -102,6 +102,18 @@ KEVRA_LANE_MATH2(fmin)
 KEVRA_LANE_MATH2(fmax)
 KEVRA_LANE_MATH2(hypot)
 
+template <typename A, typename B, typename C>
+  requires(kevra_cpu_device::Kind<A>::rank* kevra_cpu_device::Kind<B>::rank*
+               kevra_cpu_device::Kind<C>::rank > 1)
+static inline kevra_cpu_device::Lanes<float> fmaf(const A& a, const B& b, const C& c) {
+  const kevra_cpu_device::Lanes<float> x(a), y(b), z(c);
+  kevra_cpu_device::Lanes<float> result;
+  for (int i = 0; i < kevra_cpu_device::lanes; ++i) {
+    result.v[i] = fmaf(float(x.v[i]), float(y.v[i]), float(z.v[i]));
+  }
+  return result;
+}
+
 // Angles are mostly the thread's, the same in all lanes.
 #define KEVRA_LANE_SINCOS(name, T)                                                                \
   static inline void name(T angle, kevra_cpu_device::Lanes<T>* sine,                              \
