@@ -59,8 +59,8 @@ std::vector<int> uniform_radices(const RfftShape& s, const ShapeHint& h, int len
   int hi = s.wide && !odd ? 12 : 25;
   if (h.ept > 0) {
     lo = hi = std::min(h.ept, kLargestEpt);
-  } else if (length == 625) {
-    lo = hi = 5;
+  } else if (length == 625 || (s.wide && length == 125)) {
+    lo = hi = 5;  // 25 doubles of 125 a thread spill on gfx1030
   } else if (!s.wide && (length == 48 || length == 500)) {
     lo = hi = length == 48 ? 6 : 10;
   }
