@@ -340,6 +340,43 @@ extern "C" __global__ void logarithms(const float* x, float* out) {
   }
 }
 
+// A product and what its rounding has lost, as a function leaves them in variables that begin as
+// numbers common to all lanes.
+TEST(Lanes, VariablesChangeThroughReferencesAndProductsAreFused) {
+  std::string output;
+  if (!in_child_with(told, &output)) {
+    EXPECT_GT(fate_of(output, "products").groups, 0U) << output;
+    return;
+  }
+  const Kernels kernels(R"(
+__device__ void product(double& high, double& low, double a, double b) {
+  double p = fma(a, b, 0.0);
+  low += fma(a, b, -p);
+  high += p;
+}
+extern "C" __global__ void products(const double* x, double* out) {
+  __shared__ double cells[32];
+  int at = blockIdx.x * 32 + threadIdx.x;
+  cells[threadIdx.x] = x[at];
+  __syncthreads();
+  double high = 0, low = 0;
+  product(high, low, cells[threadIdx.x], cells[31 - threadIdx.x]);
+  out[2 * at] = high;
+  out[2 * at + 1] = low;
+}
+)");
+  Buffer<double> x(count), out(2 * count);
+  for (unsigned i = 0; i < count; ++i) x.values[i] = 1 + 1.0 / (i + 3);
+  x.upload();
+  ASSERT_EQ(kernels.run("products", {blocks}, {threads}, 0, x.device, out.device), "");
+  out.download();
+  for (unsigned i = 0; i < count; ++i) {
+    const double a = x.values[i], b = x.values[unsigned(turned(i))], p = a * b;
+    ASSERT_EQ(out.values[2 * i], p) << i;
+    ASSERT_EQ(out.values[2 * i + 1], std::fma(a, b, -p)) << i;
+  }
+}
+
 TEST(Lanes, TextsWithoutALaneFormRunAndSayWhy) {
   std::string output;
   if (!in_child_with(told, &output)) {

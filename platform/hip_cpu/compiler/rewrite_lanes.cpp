@@ -1,6 +1,9 @@
 #include "compiler/rewrite_lanes.h"
 
 #include <algorithm>
+#include <set>
+#include <string>
+#include <string_view>
 #include <utility>
 
 #include "compiler/kernel_text.h"
@@ -127,6 +130,7 @@ class LaneRewriter {
     for (const size_t name : parameters(open, close)) {
       const std::string word(text_.token(name).text);
       if (text_.is(name - 1, "&")) {
+        changes_arguments_.insert(text_.token(open - 1).text);
         text_.replace(begin, name, "auto& " + word);
       } else {
         text_.replace(begin, name, "auto kevra_p_" + word);
@@ -281,6 +285,7 @@ class LaneRewriter {
   bool assigned(const Declarator& d) const {
     const std::string_view name = text_.token(d.name).text;
     for (size_t i = d.last + 1; i < body_end_; ++i) {
+      if (changes_arguments_.count(text_.token(i).text) != 0 && passed(name, i + 1)) return true;
       if (!text_.is(i, name) || text_.is(i - 1, ".")) continue;
       if (text_.is(i - 1, "&") && !text_.is(i - 2, "&")) return true;
       size_t next = i + 1;
@@ -288,6 +293,15 @@ class LaneRewriter {
         next = text_.is(next, ".") ? next + 2 : text_.closing(next) + 1;
       if (assignment(next)) return true;
     }
+    return false;
+  }
+
+  // Whether one of the arguments is the variable itself.
+  bool passed(std::string_view name, size_t open) const {
+    for (size_t i = open + 1; i < text_.closing(open); ++i)
+      if (text_.is(i, name) && (text_.is(i - 1, "(") || text_.is(i - 1, ",")) &&
+          (text_.is(i + 1, ",") || text_.is(i + 1, ")")))
+        return true;
     return false;
   }
 
@@ -315,8 +329,9 @@ class LaneRewriter {
   LaneTypes types_;
   size_t body_begin_ = 0, body_end_ = 0;
   bool in_kernel_ = false;
-  size_t cast_close_ = 0;    // of the cast that was met last
-  std::string statics_end_;  // bytes of static shared memory that are taken
+  size_t cast_close_ = 0;                         // of the cast that was met last
+  std::string statics_end_;                       // bytes of static shared memory that are taken
+  std::set<std::string_view> changes_arguments_;  // device functions with reference parameters
 };
 
 }  // namespace

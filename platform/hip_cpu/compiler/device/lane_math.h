@@ -102,16 +102,22 @@ KEVRA_LANE_MATH2(fmin)
 KEVRA_LANE_MATH2(fmax)
 KEVRA_LANE_MATH2(hypot)
 
+// Rounded once, as their callers need it.
 template <typename A, typename B, typename C>
-  requires(kevra_cpu_device::Kind<A>::rank* kevra_cpu_device::Kind<B>::rank*
-               kevra_cpu_device::Kind<C>::rank > 1)
-static inline kevra_cpu_device::Lanes<float> fmaf(const A& a, const B& b, const C& c) {
-  const kevra_cpu_device::Lanes<float> x(a), y(b), z(c);
-  kevra_cpu_device::Lanes<float> result;
-  for (int i = 0; i < kevra_cpu_device::lanes; ++i) {
-    result.v[i] = fmaf(float(x.v[i]), float(y.v[i]), float(z.v[i]));
-  }
-  return result;
+  requires kevra_cpu_device::Values<A, B> || kevra_cpu_device::Values<B, C> ||
+           kevra_cpu_device::Values<A, C>
+static inline auto fma(const A& a, const B& b, const C& c) {
+  using T = decltype(kevra_cpu_device::Common<A, B>() + kevra_cpu_device::Element<C>());
+  const kevra_cpu_device::Lanes<T> x(a), y(b), z(c);
+  return kevra_cpu_device::Lanes<T>(
+      kevra_cpu_device::Vector<T>(__builtin_elementwise_fma(x.v, y.v, z.v)));
+}
+template <typename A, typename B, typename C>
+  requires kevra_cpu_device::Values<A, B> || kevra_cpu_device::Values<B, C> ||
+           kevra_cpu_device::Values<A, C>
+static inline auto fmaf(const A& a, const B& b, const C& c) {
+  using Floats = kevra_cpu_device::Lanes<float>;
+  return fma(Floats(a), Floats(b), Floats(c));
 }
 
 // Angles are mostly the thread's, the same in all lanes.
