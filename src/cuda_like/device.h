@@ -111,6 +111,9 @@ bool deterministic();
 // A device block serves again only on the stream that it is released on: its next user queues
 // behind the work already there, so releasing needs no wait.
 devptr_t device_alloc(size_t bytes, stream_t stream);
+// For what stays until the process ends. It leaves the cached blocks alone: the call that builds a
+// table has used some before and would miss them the next time.
+devptr_t device_alloc_for_good(size_t bytes);
 void device_free(devptr_t p, stream_t stream) noexcept;
 void* pinned_alloc(size_t bytes);
 void pinned_free(void* p) noexcept;
@@ -124,11 +127,16 @@ struct DeviceBuffer {
   DeviceBuffer& operator=(DeviceBuffer&&) = delete;
   ~DeviceBuffer() { device_free(p, stream); }
 
+  static DeviceBuffer for_good(size_t bytes) { return DeviceBuffer(device_alloc_for_good(bytes)); }
+
   // The caller takes over the block and owes it to device_free, or keeps it for good.
   devptr_t release() noexcept { return std::exchange(p, nullptr); }
 
   devptr_t p;
   stream_t stream;
+
+ private:
+  explicit DeviceBuffer(devptr_t block) : p(block), stream(nullptr) {}
 };
 
 struct PinnedBlock {

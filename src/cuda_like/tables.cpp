@@ -27,7 +27,7 @@ devptr_t device_table(const std::string& name, const void* data, size_t bytes) {
   std::lock_guard lock(runtime_mutex);
   devptr_t& entry = forever<NamedStore>()[{current_device(), name}];
   if (entry == nullptr) {
-    DeviceBuffer block(bytes, nullptr);
+    DeviceBuffer block = DeviceBuffer::for_good(bytes);
     devptr_t p = block.p;
     KEVRA_CHECK(memcpyHtoD(p, data, bytes));
     entry = block.release();
@@ -42,7 +42,7 @@ devptr_t device_vector_table(const std::string& name,
   devptr_t& entry = forever<TypedStore<T>>()[{current_device(), name}];
   if (entry == nullptr) {
     const std::vector<T> vec = source();
-    DeviceBuffer block(vec.size() * sizeof(T), nullptr);
+    DeviceBuffer block = DeviceBuffer::for_good(vec.size() * sizeof(T));
     devptr_t p = block.p;
     KEVRA_CHECK(memcpyHtoD(p, vec.data(), vec.size() * sizeof(vec[0])));
     entry = block.release();

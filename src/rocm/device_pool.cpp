@@ -37,18 +37,7 @@ void drain_locked(DevicePool& p) {
   }
 }
 
-}  // namespace
-
-devptr_t device_alloc(size_t bytes, stream_t stream) {
-  const size_t size = block_size(bytes);
-  DevicePool& p = pool();
-  int device = 0;
-  {
-    std::lock_guard lock(p.mutex);
-    device = current_device();
-    if (devptr_t block = p.lists[{device, stream}].take(size)) return block;
-  }
-
+devptr_t allocate(DevicePool& p, size_t size, int device) {
   devptr_t block = nullptr;
   int r = hip_dl::api().Malloc(&block, size);
   if (r == hip_dl::kErrorOutOfMemory) {
@@ -66,6 +55,24 @@ devptr_t device_alloc(size_t bytes, stream_t stream) {
     throw;
   }
   return block;
+}
+
+}  // namespace
+
+devptr_t device_alloc(size_t bytes, stream_t stream) {
+  const size_t size = block_size(bytes);
+  DevicePool& p = pool();
+  int device = 0;
+  {
+    std::lock_guard lock(p.mutex);
+    device = current_device();
+    if (devptr_t block = p.lists[{device, stream}].take(size)) return block;
+  }
+  return allocate(p, size, device);
+}
+
+devptr_t device_alloc_for_good(size_t bytes) {
+  return allocate(pool(), block_size(bytes), current_device());
 }
 
 void device_free(devptr_t block, stream_t stream) noexcept {

@@ -81,6 +81,17 @@ TEST_F(Pools, ServeBySizeWithinTwiceTheRequest) {
   check_size_rule(pinned_alloc, pinned_free, pinned_pool_figures);
 }
 
+TEST_F(Pools, WhatStaysForGoodTakesNoCachedBlock) {
+  const devptr_t cached = device_alloc(1000, nullptr);
+  device_free(cached, nullptr);
+  {
+    const DeviceBuffer table = DeviceBuffer::for_good(1000);
+    EXPECT_NE(table.p, cached);
+    EXPECT_EQ(device_pool_figures().in_use_blocks, 1u);
+    EXPECT_EQ(device_pool_figures().cached_blocks, 1u);
+  }
+}
+
 TEST_F(Pools, ABlockServesOnlyTheStreamItWasReleasedOn) {
   devptr_t p = device_alloc(1000, nullptr);
   device_free(p, fake_stream(5));
