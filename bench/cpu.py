@@ -16,7 +16,8 @@ def main() -> int:
     chosen = comparison.options(__doc__, {"threads": os.cpu_count()})
     os.environ["KEVRA_CPU_THREADS"] = str(chosen.threads)
     kevra.use_cpu_device()
-    libraries, absent = contenders.find({"librosa": "librosa", "torch": "PyTorch"}, needs_gpu=False)
+    peers = {"librosa": "librosa", "torch": "PyTorch", "torchaudio": "torchaudio"}
+    libraries, absent = contenders.find(peers, needs_gpu=False)
     scripts = {
         "fft_host_cost": ["--rounds", "200"],
         "resident_host_cost": ["--rounds", "200"],

@@ -5,7 +5,7 @@ from dataclasses import asdict, dataclass
 
 import numpy as np
 import scipy.fft
-from peers import spectrograms
+from peers import filters, spectrograms
 
 POWERS = [16, 32, 64, 128, 256, 512, 1024, 2048]
 AWKWARD = [100, 240, 360, 480, 600, 720, 960, 1000, 1200, 1536, 3125]
@@ -20,7 +20,7 @@ EPS = {"float": 2.0**-23, "double": 2.0**-52}
 
 @dataclass(frozen=True)
 class Case:
-    # fft: rows of n complex values; rfft and irfft: of n reals; rms and spectrograms: of n samples, frames centred
+    # fft: rows of n complex values; rfft and irfft: of n reals; all others: of n samples, frames centred
     operation: str
     precision: str  # float or double
     n: int
@@ -29,6 +29,8 @@ class Case:
     hop: int = 0
     rate: int = 0  # samples a second
     bands: int = 0
+    order: int = 0  # of a linear filter
+    taps: int = 0  # of what is convolved with
 
     @property
     def real(self) -> np.dtype:
@@ -61,6 +63,8 @@ class Case:
             return (self.batch, self.n // 2 + 1), self.complex
         if self.operation == "rms":
             return (self.batch, self.frames), self.real
+        if self.operation in filters.OPERATIONS:
+            return (self.batch, filters.output_length(self)), self.real
         return (self.batch, self.n), self.complex if self.operation == "fft" else self.real
 
     @property
@@ -74,21 +78,28 @@ class Case:
     def __str__(self) -> str:
         frames = f", frame {self.frame_length}, hop {self.hop}" if self.hop else ""
         bands = f", {self.bands} bands" if self.bands else ""
-        return f"{self.operation} of {self.batch} x {self.n} {self.precision}{frames}{bands}"
+        order = f", order {self.order}" if self.order else ""
+        taps = f", {self.taps} taps" if self.taps else ""
+        return f"{self.operation} of {self.batch} x {self.n} {self.precision}{frames}{bands}{order}{taps}"
 
 
-def grid(sizes: dict[str, list[int]], batches: list[int], signals: list, recordings: list) -> list[Case]:
-    """`sizes` has the lengths of each transform; the frames' energy and spectrograms are measured where they stand in
-    it, spectrograms in float."""
+def grid(sizes: dict[str, list[int]], batches: list[int], signals: dict[str, list]) -> list[Case]:
+    """`sizes` has the lengths of each transform; all else is measured where it stands in it, on its signals,
+    spectrograms in float."""
     cases = []
     for precision in EPS:
         for operation in TRANSFORMS:
             cases += [Case(operation, precision, n, batch) for n in sizes.get(operation, []) for batch in batches]
         if "rms" in sizes:
-            cases += [Case("rms", precision, n, batch, *frame) for batch, n in signals for frame in FRAMES]
+            cases += [Case("rms", precision, n, batch, *frame) for batch, n in signals["rms"] for frame in FRAMES]
     for operation in spectrograms.OPERATIONS:
         if operation in sizes:
-            cases += [Case(operation, "float", **fields) for fields in spectrograms.sizes(operation, recordings)]
+            fields = spectrograms.sizes(operation, signals["recordings"])
+            cases += [Case(operation, "float", **of_one) for of_one in fields]
+    for operation in filters.OPERATIONS:
+        if operation in sizes:
+            fields = filters.sizes(operation, signals[operation])
+            cases += [Case(operation, precision, **of_one) for precision in EPS for of_one in fields]
     return cases
 
 
@@ -112,6 +123,8 @@ def exact(case: Case, x: np.ndarray) -> np.ndarray:
     """The result in double precision."""
     if case.operation in spectrograms.OPERATIONS:
         return spectrograms.exact(case, x)
+    if case.operation in filters.OPERATIONS:
+        return filters.exact(case, x)
     wide = x.astype(np.result_type(x.dtype, np.float64))
     return framed_rms(np, wide, case) if case.operation == "rms" else transformed(scipy.fft, wide, case, workers=-1)
 
@@ -133,6 +146,8 @@ def framed_rms(arrays, x, case: Case):
 
 def bound(case: Case) -> float:
     """Largest relative L2 error. A fast transform's grows with its depth; sums of a frame may be taken one by one."""
+    if case.operation in filters.OPERATIONS:
+        return filters.BOUND[case.precision]
     if case.operation in TRANSFORMS or case.operation in spectrograms.OPERATIONS:
         if case.operation == "logmel":
             return LOGMEL_BOUND

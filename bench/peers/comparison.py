@@ -15,10 +15,10 @@ from pathlib import Path
 
 import harness
 import kevra
-from peers import cases, output, spectrograms, timing
+from peers import cases, filters, output, spectrograms, timing
 from peers.contenders import Resident
 
-OPERATIONS = [*cases.TRANSFORMS, "rms", *spectrograms.OPERATIONS]
+OPERATIONS = [*cases.TRANSFORMS, "rms", *spectrograms.OPERATIONS, *filters.OPERATIONS]
 PACKAGES = ["numpy", "scipy", "librosa", "torch", "torchaudio", "cupy"]
 
 
@@ -33,6 +33,8 @@ def options(description: str, counts: dict[str, int]) -> Namespace:
             "default": spectrograms.RECORDINGS,
             "help": "kind, rows and seconds for spectrograms, as speech:16x30,music:1x10",
         },
+        "filtered": {"type": shapes, "default": filters.SIGNALS["lfilter"], "help": "rows and samples for lfilter"},
+        "convolved": {"type": shapes, "default": filters.SIGNALS["convolve"], "help": "rows and samples for convolve"},
         "operations": {"choices": OPERATIONS, "nargs": "+", "default": OPERATIONS},
         "only-peers": {"action": "store_true", "help": "leave out host cost and first calls"},
         "folder": {"default": str(harness.HERE / "results"), "help": "where the JSON and the plot go"},
@@ -70,7 +72,9 @@ def compare(
         record["copy_bytes_per_second"] = timing.copy_rate(hip, chosen.copy)
         lengths = {"fft": chosen.sizes, "rfft": chosen.real_sizes, "irfft": chosen.real_sizes}
         wanted = {operation: lengths.get(operation, []) for operation in chosen.operations}
-        grid = cases.grid(wanted, chosen.batches, chosen.signals, chosen.recordings)
+        signals = {"rms": chosen.signals, "recordings": chosen.recordings}
+        signals |= {"lfilter": chosen.filtered, "convolve": chosen.convolved}
+        grid = cases.grid(wanted, chosen.batches, signals)
         for case in harness.progress(grid, "cases"):
             x = cases.make_input(case)
             with Resident(hip, case, x) as resident:
@@ -82,7 +86,7 @@ def compare(
     others = {script: figures_of(script, arguments) for script, arguments in scripts.items()}
     record["other_figures"] = {name: {"measured": measured, **told(own)} for name, (measured, own) in others.items()}
     record["load_at_end"] = os.getloadavg()[0]
-    figures = long_music_figures(results)
+    figures = long_music_figures(results) + filters.figures(results)
     figures += [figure for script in counted if script in others for figure in others[script][1]]
     record["figures"] = [{**dataclasses.asdict(figure), "passed": figure.passed} for figure in figures]
     record["cases"] = results

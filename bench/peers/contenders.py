@@ -8,10 +8,12 @@ import harness
 import kevra
 import numpy as np
 import scipy.fft
-from peers import spectrograms, timing
+import scipy.signal
+from peers import filters, spectrograms, timing
 from peers.cases import Case, framed_rms, transformed
 
 PREC = {"float": 1, "double": 2}
+IN_TORCHAUDIO = ["logmel", *filters.OPERATIONS]  # the other transforms are PyTorch's own
 
 
 @dataclass
@@ -45,10 +47,12 @@ class Resident:
     def __init__(self, hip: harness.Hip, case: Case, x: np.ndarray):
         self.hip, self.case = hip, case
         self.answer = empty_answer(case)
-        self.x, self.out = hip.upload(x), hip.malloc(self.answer.nbytes)
+        self.x, self.out, self.others = hip.upload(x), hip.malloc(self.answer.nbytes), []
         precision = PREC[case.precision]
         if case.operation in spectrograms.OPERATIONS:
             name, self.arguments = spectrograms.resident_call(case, self.x, self.out, precision)
+        elif case.operation in filters.OPERATIONS:
+            name, self.arguments, self.others = filters.resident_call(case, hip, self.x, self.out, precision)
         else:
             others = (False,) if case.operation == "fft" else ()
             if case.operation == "rms":
@@ -62,7 +66,7 @@ class Resident:
 
     def __exit__(self, *_):
         self.hip.synchronize()
-        self.hip.free(self.x, self.out)
+        self.hip.free(self.x, self.out, *self.others)
 
     def queue(self) -> None:
         self.function(*self.arguments)
@@ -89,6 +93,8 @@ def empty_answer(case: Case) -> np.ndarray:
 def on_the_cpu(case: Case, x: np.ndarray, resident: Resident, libraries: dict, threads: int) -> list[Contender]:
     if case.operation in spectrograms.OPERATIONS:
         return spectrograms_on_the_cpu(case, x, resident, libraries, threads)
+    if case.operation in filters.OPERATIONS:
+        return filters_on_the_cpu(case, x, resident, libraries, threads)
     others = {"fft": (False,), "irfft": (case.n,), "rms": (case.frame_length, case.hop, True)}.get(case.operation, ())
     function = getattr(kevra, f"{case.operation}_staged")
     staged = Contender("kevra staged", lambda: function(x, *others), ours=True)
@@ -122,6 +128,22 @@ def spectrograms_on_the_cpu(case: Case, x, resident: Resident, libraries: dict, 
     return contenders
 
 
+def filters_on_the_cpu(case: Case, x, resident: Resident, libraries: dict, threads: int) -> list[Contender]:
+    contenders = [
+        Contender("kevra resident", resident.run, resident.result, ours=True),
+        Contender("kevra staged", filters.staged_call(case, x), ours=True),
+    ]
+    if 0 < case.taps <= filters.MOST_DIRECT_TAPS:
+        contenders.append(Contender("kevra direct", filters.direct_call(case, x), ours=True))
+    contenders += [
+        Contender(f"scipy {name}", call) for name, call in filters.signal_calls(scipy.signal, np, case, x).items()
+    ]
+    if "torchaudio" in libraries:
+        libraries["torch"].set_num_threads(threads)
+        contenders.append(in_torchaudio(libraries, case, x, "cpu", timing.wall_clock))
+    return contenders
+
+
 def librosa_rms(librosa, case: Case, x: np.ndarray) -> Contender:
     options = {"frame_length": case.frame_length, "hop_length": case.hop, "pad_mode": "reflect", "dtype": case.real}
     return Contender("librosa", lambda: librosa.feature.rms(y=x, **options), lambda answer: answer[:, 0, :])
@@ -142,23 +164,37 @@ def in_torch(torch, case: Case, x: np.ndarray, place: str, clock: timing.Clock) 
     return Contender("torch", call, lambda answer: answer.cpu().numpy(), clock)
 
 
+def in_torchaudio(libraries: dict, case: Case, x: np.ndarray, place: str, clock: timing.Clock) -> Contender:
+    torch, torchaudio = libraries["torch"], libraries["torchaudio"]
+    there = torch.from_numpy(x).to(place)
+    if case.operation in filters.OPERATIONS:
+        call = filters.torchaudio_call(torchaudio, torch, case, there)
+    else:
+        call = spectrograms.torchaudio_call(torchaudio, case, there)
+    return Contender("torchaudio", call, lambda answer: answer.cpu().numpy(), clock)
+
+
 def on_the_gpu(case: Case, x: np.ndarray, resident: Resident, libraries: dict) -> list[Contender]:
     """Everything lies in device memory, and every library's own events time what it queues on the null stream."""
     clock = timing.hip_clock(resident.hip)
     contenders = [Contender("kevra resident", resident.queue, resident.result, clock, ours=True)]
     if "torch" in libraries:
         torch = libraries["torch"]
-        contenders.append(in_torch(torch, case, x, "cuda", timing.torch_clock(torch)))
-        if case.operation == "logmel" and "torchaudio" in libraries:
-            call = spectrograms.torchaudio_call(libraries["torchaudio"], case, torch.from_numpy(x).to("cuda"))
-            clock_of_torch = timing.torch_clock(torch)
-            contenders.append(Contender("torchaudio", call, lambda answer: answer.cpu().numpy(), clock_of_torch))
+        if case.operation not in filters.OPERATIONS:
+            contenders.append(in_torch(torch, case, x, "cuda", timing.torch_clock(torch)))
+        if "torchaudio" in libraries and case.operation in IN_TORCHAUDIO:
+            contenders.append(in_torchaudio(libraries, case, x, "cuda", timing.torch_clock(torch)))
     if "cupy" in libraries and case.operation not in spectrograms.OPERATIONS:
         cupy = libraries["cupy"]
-        there = cupy.asarray(x)
-
-        def call():
-            return framed_rms(cupy, there, case) if case.operation == "rms" else transformed(cupy.fft, there, case)
-
-        contenders.append(Contender("cupy", call, cupy.asnumpy, timing.cupy_clock(cupy)))
+        calls = in_cupy(cupy, case, cupy.asarray(x))
+        contenders += [Contender(name, call, cupy.asnumpy, timing.cupy_clock(cupy)) for name, call in calls.items()]
     return contenders
+
+
+def in_cupy(cupy, case: Case, there) -> dict[str, Callable[[], object]]:
+    if case.operation in filters.OPERATIONS:
+        signal = importlib.import_module("cupyx.scipy.signal")
+        return {f"cupy {name}": call for name, call in filters.signal_calls(signal, cupy, case, there).items()}
+    if case.operation == "rms":
+        return {"cupy": lambda: framed_rms(cupy, there, case)}
+    return {"cupy": lambda: transformed(cupy.fft, there, case)}

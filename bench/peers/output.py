@@ -6,6 +6,7 @@ from pathlib import Path
 
 import harness
 import kevra
+from peers.cases import TRANSFORMS
 
 COLOURS = ["#1f6f8b", "#b5651d", "#5b3a8c", "#3f7d3a", "#a03050", "#555555"]
 
@@ -78,7 +79,7 @@ def table(results: list[dict]) -> list[list[str]]:
     lines = [["batch x n", *names, *(f"{name.split()[1]} speed" for name in ours), "of copy rate"]]
     for result in timed:
         cells = [f"{result['times'][name]['median_us']:.4g}" if name in result["times"] else "-" for name in names]
-        speeds = [f"{against_fastest(result, own):.2f}" if has_peers(result) else "-" for own in ours]
+        speeds = [f"{against_fastest(result, own):.2f}" if result["speed_against"].get(own) else "-" for own in ours]
         lines.append([label(result), *cells, *speeds, f"{result['share_of_copy_rate']:.0%}"])
     return lines
 
@@ -86,7 +87,9 @@ def table(results: list[dict]) -> list[list[str]]:
 def label(result: dict) -> str:
     frame = f" frame {result['frame_length']} hop {result['hop']}" if "hop" in result else ""
     bands = f" bands {result['bands']}" if "bands" in result else ""
-    return f"{result['batch']} x {result['n']} {result['precision']}{frame}{bands}"
+    order = f" order {result['order']}" if "order" in result else ""
+    taps = f" taps {result['taps']}" if "taps" in result else ""
+    return f"{result['batch']} x {result['n']} {result['precision']}{frame}{bands}{order}{taps}"
 
 
 def print_aligned(lines: list[list[str]]) -> None:
@@ -96,10 +99,10 @@ def print_aligned(lines: list[list[str]]) -> None:
 
 
 def markdown(results: list[dict]) -> str:
-    """One table for each transform and precision, rows n and columns batches, and one for each operation on frames."""
+    """One table for each transform and precision, rows n and columns batches, and one for each other operation."""
     lines = []
     timed = compared(results)
-    for kind in dict.fromkeys((r["operation"], r["precision"]) for r in timed if "hop" not in r):
+    for kind in dict.fromkeys((r["operation"], r["precision"]) for r in timed if r["operation"] in TRANSFORMS):
         own = {(r["n"], r["batch"]): r for r in timed if (r["operation"], r["precision"]) == kind}
         batches = sorted({batch for _, batch in own})
         lines += ["", f"| {' '.join(kind)}, n | " + " | ".join(f"batch {batch}" for batch in batches) + " |"]
@@ -107,7 +110,7 @@ def markdown(results: list[dict]) -> str:
         for n in dict.fromkeys(n for n, _ in own):
             cells = [speeds(own[n, batch]) if (n, batch) in own else "" for batch in batches]
             lines.append(f"| {n} | " + " | ".join(cells) + " |")
-    for operation in dict.fromkeys(r["operation"] for r in timed if "hop" in r):
+    for operation in dict.fromkeys(r["operation"] for r in timed if r["operation"] not in TRANSFORMS):
         head, *rows = table([r for r in timed if r["operation"] == operation])
         head[0] = f"{operation}, {head[0]}"
         lines += ["", "| " + " | ".join(head) + " |", "|---|" + "---:|" * (len(head) - 1)]
@@ -148,7 +151,9 @@ def draw(file: Path, results: list[dict], title: str) -> None:
             axes.grid(color="#e4e4e4", linewidth=0.6)
             axes.spines[["top", "right"]].set_visible(False)
             axes.xaxis.set_major_formatter("{x:g}")
-    figure.legend(*grid[0, 0].get_legend_handles_labels(), loc="outside lower right", ncols=4, frameon=False, fontsize=9)
+    figure.legend(
+        *grid[0, 0].get_legend_handles_labels(), loc="outside lower right", ncols=4, frameon=False, fontsize=9
+    )
     figure.suptitle(f"Complex FFT on {title}: dots powers of two, rings other sizes", fontsize=10)
     for axes in grid[-1]:
         axes.set_xlabel("transform length n")

@@ -9,9 +9,11 @@ import pytest
 
 BENCH = Path(__file__).parents[2] / "bench"
 TINY = ["--sizes", "16,100", "--real-sizes", "21,30", "--batches", "3", "--signals", "2x4096", "--rounds", "2",
-        "--copy", "1", "--recordings", "speech:2x1,music:1x1"]
+        "--copy", "1", "--recordings", "speech:2x1,music:1x1", "--filtered", "2x5000", "--convolved", "2x5000"]
 SPECTROGRAMS = {"stft": 2, "magnitude": 2, "istft": 2, "logmel": 3}  # cases of those recordings
+FILTERS = {"lfilter": {"scipy lfilter"}, "convolve": {"scipy fftconvolve", "scipy oaconvolve"}}  # three cases each
 ABSENT = "raise ImportError"
+ALL_ABSENT = dict.fromkeys(["librosa", "torch", "torchaudio"], ABSENT)
 BLIND = "class cuda: is_available = staticmethod(lambda: False)"
 # Off by 1e-4 where 5e-6 are allowed: what rounding to half precision somewhere would give.
 WRONG = """
@@ -44,22 +46,25 @@ def bench(run_python, tmp_path):
 
 
 def test_cpu_times_everybody_and_leaves_out_absent_peers(bench, tmp_path):
-    child, record, files = bench("cpu", {"librosa": ABSENT, "torch": ABSENT}, "--only-peers",
-                                 "--markdown", tmp_path / "table.md")
+    child, record, files = bench("cpu", ALL_ABSENT, "--only-peers", "--markdown", tmp_path / "table.md")
     assert child.returncode == 0, child.stdout + child.stderr
-    assert record["left out"] == {"librosa": "not installed, left out", "PyTorch": "not installed, left out"}
+    assert record["left out"] == dict.fromkeys(["librosa", "PyTorch", "torchaudio"], "not installed, left out")
     assert files == {".json", ".svg"}
-    assert len(record["cases"]) == 2 * (2 + 4 + 2) + sum(SPECTROGRAMS.values())
+    assert len(record["cases"]) == 2 * (2 + 4 + 2) + sum(SPECTROGRAMS.values()) + 2 * 3 * len(FILTERS)
     for case in record["cases"]:
         peers = {"numpy"} | ({"scipy 1", "scipy all"} if case["operation"] != "rms" else set())
         if case["operation"] in SPECTROGRAMS:
             peers = {"scipy all"}
-        assert set(case["times"]) == {"kevra resident", "kevra staged"} | peers
+        own = {"kevra resident", "kevra staged"}
+        if case["operation"] in FILTERS:
+            peers = FILTERS[case["operation"]]
+            own |= {"kevra direct"} if case.get("taps") == 64 else set()
+        assert set(case["times"]) == own | peers
         assert all(0 < t["least_us"] <= t["median_us"] <= t["most_us"] for t in case["times"].values())
-        assert set(case["speed_against"]) == {"kevra resident", "kevra staged"}
-        for own, speeds in case["speed_against"].items():
+        assert set(case["speed_against"]) == own
+        for ours, speeds in case["speed_against"].items():
             for peer, speed in speeds.items():  # of two rounds: between the extremes of both
-                own_times, times = case["times"][own], case["times"][peer]
+                own_times, times = case["times"][ours], case["times"][peer]
                 assert 0.99 * times["least_us"] / own_times["most_us"] <= speed
                 assert speed <= 1.01 * times["most_us"] / own_times["least_us"]
     table = (tmp_path / "table.md").read_text()
@@ -67,7 +72,7 @@ def test_cpu_times_everybody_and_leaves_out_absent_peers(bench, tmp_path):
 
 
 def test_a_wrong_peer_is_not_timed_and_the_others_are(bench):
-    child, record, _ = bench("cpu", {"librosa": WRONG, "torch": ABSENT}, "--only-peers", "--operations", "fft", "rms")
+    child, record, _ = bench("cpu", ALL_ABSENT | {"librosa": WRONG}, "--only-peers", "--operations", "fft", "rms")
     assert child.returncode == 1
     assert child.stdout.count("DISAGREES  rms of 2 x 4096") == 4
     for case in record["cases"]:
@@ -90,14 +95,15 @@ def test_gpu_runs_on_whatever_is_bound_without_peers(bench):
 
 
 @pytest.mark.parametrize("precision", ["float", "double"])
-@pytest.mark.parametrize("operation", ["fft", "rfft", "irfft", "rms", *SPECTROGRAMS])
+@pytest.mark.parametrize("operation", ["fft", "rfft", "irfft", "rms", *SPECTROGRAMS, *FILTERS])
 def test_agreement_is_refused_beyond_its_bound(monkeypatch, operation, precision):
     monkeypatch.syspath_prepend(BENCH)
     from peers import cases
 
     frame = {"frame_length": 256, "hop": 64} if operation in ("rms", *SPECTROGRAMS) else {}
     bank = {"rate": 16000, "bands": 40} if operation == "logmel" else {}
-    case = cases.Case(operation, precision, 1024, 4, **frame, **bank)
+    filtered = {"lfilter": {"order": 2}, "convolve": {"taps": 64}}.get(operation, {})
+    case = cases.Case(operation, precision, 1024, 4, **frame, **bank, **filtered)
     wanted = cases.exact(case, cases.make_input(case))
     right = wanted.astype(case.output[1])
     assert cases.disagreement(case, "peer", right, wanted) is None
