@@ -203,7 +203,7 @@ class Hip:
     def malloc(self, size: int) -> int:
         address = ctypes.c_void_p()
         self.call("hipMalloc", ctypes.byref(address), ctypes.c_size_t(size))
-        return address.value
+        return address.value or 0
 
     def upload(self, array) -> int:
         """New device memory with the array's bytes."""
