@@ -1,9 +1,12 @@
 #include "cuda_like/tables.h"
 
 #include <bit>
+#include <cstdio>
 #include <map>
 #include <mutex>
 #include <utility>
+
+#include "cuda_like/hash.h"
 
 namespace kevra {
 namespace {
@@ -33,6 +36,13 @@ devptr_t device_table(const std::string& name, const void* data, size_t bytes) {
     entry = block.release();
   }
   return entry;
+}
+
+devptr_t content_table(const void* data, size_t count, size_t size) {
+  char name[64];
+  std::snprintf(name, sizeof name, "win_%016llx_%zu_%zu",
+                static_cast<unsigned long long>(content_hash(data, count * size)), count, size);
+  return device_table(name, data, count * size);
 }
 
 template <class T>

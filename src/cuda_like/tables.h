@@ -16,7 +16,11 @@ namespace kevra {
 // The table of that name, uploaded at the first call. `data` is not read on a hit.
 devptr_t device_table(const std::string& name, const void* data, size_t bytes);
 
-// The same for a vector that is costly to make: `source` runs on a miss only. One store an
+// The table of `count` elements of `size` bytes under a name made from them, so that equal content
+// shares its memory, however it was asked for.
+devptr_t content_table(const void* data, size_t count, size_t size);
+
+// device_table for a vector that is costly to make: `source` runs on a miss only. One store an
 // element type: int32_t, float, double, and uint16_t for half patterns.
 template <class T>
 devptr_t device_vector_table(const std::string& name,

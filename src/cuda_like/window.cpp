@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <iterator>
 #include <numbers>
 #include <stdexcept>
@@ -56,15 +55,9 @@ void check_length(const WindowSpec& window, int64_t win_length, int64_t n_fft) {
   }
 }
 
-// Tables of equal content share their memory, however they were asked for.
 template <class Element>
 devptr_t upload_window(const std::vector<Element>& values) {
-  const size_t bytes = values.size() * sizeof(Element);
-  char name[64];
-  std::snprintf(name, sizeof name, "win_%016llx_%zu_%zu",
-                static_cast<unsigned long long>(content_hash(values.data(), bytes)), values.size(),
-                sizeof(Element));
-  return device_table(name, values.data(), bytes);
+  return content_table(values.data(), values.size(), sizeof(Element));
 }
 
 devptr_t build_table(const WindowSpec& window, int n_fft, int prec) {

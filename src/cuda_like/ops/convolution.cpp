@@ -6,6 +6,7 @@
 
 #include "codegen/kernels/convolution.h"
 #include "codegen/precision.h"
+#include "cuda_like/ops/chunks.h"
 #include "cuda_like/ops/fft.h"
 #include "cuda_like/ops/guards.h"
 #include "cuda_like/ops/rfft.h"
@@ -19,7 +20,6 @@ using codegen::ConvPadKernel;
 using codegen::ConvSliceKernel;
 
 constexpr unsigned kBlock = 256;
-constexpr int64_t kRowsOfALaunch = 65535;  // block index y is a 16-bit quantity
 
 template <class T>
 constexpr int kPrec = sizeof(T) == 8 ? codegen::kDouble : codegen::kFloat;
@@ -69,18 +69,6 @@ struct Queue {
                   static_cast<unsigned>(rows), kBlock, 0, args, name, stream);
   }
 };
-
-// Calls `launch(first, rows)` for all rows, as many at once as a launch takes.
-template <class Launch>
-void in_chunks(int64_t rows, const Launch& launch) {
-  for (int64_t first = 0; first < rows; first += kRowsOfALaunch) {
-    launch(first, std::min(rows - first, kRowsOfALaunch));
-  }
-}
-
-char* at(devptr_t p, int64_t elements, size_t size) {
-  return static_cast<char*>(p) + static_cast<size_t>(elements) * size;
-}
 
 // rows x n stored values to rows x plen values of T.
 template <class T>

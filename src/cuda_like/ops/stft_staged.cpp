@@ -1,12 +1,10 @@
 #include "cuda_like/ops/stft_staged.h"
 
-#include <algorithm>
-#include <functional>
-
 #include "codegen/kernels/four_step.h"
 #include "codegen/kernels/spectrum_output.h"
 #include "codegen/kernels/stft_staged.h"
 #include "codegen/precision.h"
+#include "cuda_like/ops/chunks.h"
 #include "cuda_like/ops/fft.h"
 #include "cuda_like/ops/guards.h"
 #include "cuda_like/ops/rfft.h"
@@ -33,23 +31,6 @@ void queue_frames(const StftCall& call, const StftConfig& config, devptr_t frame
                 FramesKernel::kBlock, 0, args, kernel.kName, call.stream);
 }
 
-// Rows from `from` to `to`, so many bytes each; as many at a time as a grid has rows.
-struct RowSpan {
-  devptr_t from;
-  devptr_t to;
-  size_t from_bytes;
-  size_t to_bytes;
-};
-void each_chunk(const RowSpan& span, int64_t rows,
-                const std::function<void(devptr_t from, devptr_t to, int count)>& launch) {
-  constexpr int64_t kGridRows = 65535;
-  for (int64_t first = 0; first < rows; first += kGridRows) {
-    launch(static_cast<char*>(span.from) + first * span.from_bytes,
-           static_cast<char*>(span.to) + first * span.to_bytes,
-           static_cast<int>(std::min(rows - first, kGridRows)));
-  }
-}
-
 // Even frames: their transform as n_fft / 2 complex values, then the split.
 template <class T>
 void transform_even(const StftCall& call, const StftConfig& s, devptr_t frames, int64_t rows) {
@@ -64,9 +45,11 @@ void transform_even(const StftCall& call, const StftConfig& s, devptr_t frames, 
       step.split_key(), call.device, [&] { return real_split_source(step, backend()); },
       RealStep::kSplit);
   devptr_t twiddles = fft_twiddles(s.n_fft, 0, s.prec == codegen::kDouble);
-  const RowSpan span{frames, call.out, step.m() * 2 * sizeof(T),
-                     (step.m() + 1) * codegen::output_bytes(s.form, s.out_prec)};
-  each_chunk(span, rows, [&](devptr_t z, devptr_t out, int count) {
+  const size_t stored = (step.m() + 1) * codegen::output_bytes(s.form, s.out_prec);
+  in_chunks(rows, [&](int64_t first, int64_t launched) {
+    char* z = at(frames, first * step.m(), 2 * sizeof(T));
+    char* out = at(call.out, first, stored);
+    int count = static_cast<int>(launched);
     void* args[] = {&z, &out, &twiddles, &count};
     launch_kernel(fn, static_cast<unsigned>(step.split_blocks()), static_cast<unsigned>(count),
                   RealStep::kBlock, 0, args, RealStep::kSplit, call.stream);
@@ -87,9 +70,11 @@ void transform_odd(const StftCall& call, const StftConfig& s, devptr_t frames, i
   kernel_t fn = kernel_function(
       kernel.key(), call.device, [&] { return spectrum_form_source(kernel, backend()); },
       kernel.kName);
-  const RowSpan span{spectrum.p, call.out, bins * 2 * sizeof(T),
-                     bins * codegen::output_bytes(s.form, s.out_prec)};
-  each_chunk(span, rows, [&](devptr_t z, devptr_t out, int count) {
+  const size_t stored = bins * codegen::output_bytes(s.form, s.out_prec);
+  in_chunks(rows, [&](int64_t first, int64_t launched) {
+    char* z = at(spectrum.p, first, bins * 2 * sizeof(T));
+    char* out = at(call.out, first, stored);
+    int count = static_cast<int>(launched);
     void* args[] = {&z, &out, &count};
     launch_kernel(fn, kernel.blocks(), static_cast<unsigned>(count), kernel.kBlock, 0, args,
                   kernel.kName, call.stream);
