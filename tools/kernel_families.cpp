@@ -5,14 +5,21 @@
 namespace kevra_tools {
 
 const std::vector<Family>& families() {
-  static const std::vector<Family> all{
-      rms_family(),           fft_family(),          fft_register_family(),  bluestein_family(),
-      four_step_family(),     rfft_family(),         stft_family(),          istft_family(),
-      mel_family(),           mel_bands_family(),    cepstra_family(),       cepstra_peak_family(),
-      inverse_mel_family(),   db_family(),           db_inverse_family(),    onset_family(),
-      lfilter_family(),       lfilter_pack_family(), lfilter_basis_family(), conv_pad_family(),
-      conv_multiply_family(), conv_slice_family(),   conv_direct_family(),   gl_step_family(),
-      gl_mul_family()};
+  static const std::vector<Family> all{rms_family(),           fft_family(),
+                                       fft_register_family(),  bluestein_family(),
+                                       four_step_family(),     rfft_family(),
+                                       stft_family(),          istft_family(),
+                                       mel_family(),           mel_bands_family(),
+                                       cepstra_family(),       cepstra_peak_family(),
+                                       inverse_mel_family(),   frame_spectral_family(),
+                                       spectral_family(),      frame_contrast_family(),
+                                       contrast_family(),      db_family(),
+                                       db_inverse_family(),    onset_family(),
+                                       lfilter_family(),       lfilter_pack_family(),
+                                       lfilter_basis_family(), conv_pad_family(),
+                                       conv_multiply_family(), conv_slice_family(),
+                                       conv_direct_family(),   gl_step_family(),
+                                       gl_mul_family()};
   return all;
 }
 

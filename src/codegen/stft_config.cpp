@@ -1,6 +1,7 @@
 #include "codegen/stft_config.h"
 
 #include <algorithm>
+#include <bit>
 #include <tuple>
 #include <vector>
 
@@ -38,6 +39,9 @@ StftConfig from_request(const StftRequest& r) {
   s.frames = r.frames;
   s.form = r.form;
   s.eps = r.eps;
+  s.stat = r.statistic.stat;
+  s.n_bands = r.statistic.n_bands;
+  s.band_pad = r.statistic.band_pad;
   return s;
 }
 
@@ -54,7 +58,7 @@ int frames_that_fit(int wanted, int64_t row, int64_t shared_by_all, int64_t elem
 // of the default, then the way through device memory, which takes every length.
 void keep_within(StftConfig& s, int64_t cap) {
   if (s.core == StftCore::kFourStep) return;
-  const auto fits = [&] { return static_cast<int64_t>(frame_shared_bytes(s)) <= cap; };
+  const auto fits = [&] { return static_cast<int64_t>(total_shared_bytes(s)) <= cap; };
   while (s.fpb > 1 && !fits()) --s.fpb;
   if (!fits()) {
     s.shp_shift = kDefaultShift;
@@ -91,6 +95,10 @@ StftConfig build_pow2_schedule(const StftRequest& request, const ShapeHint& hint
   s.ept = hint.ept > 0 ? hint.ept : 8;
   while (s.ept > std::min(half, kEptLimit) && s.ept > 1) s.ept /= 2;
   s.tpf = hint.tpf > 0 ? std::min(hint.tpf, kBlockLimit) : std::max(1, half / s.ept);
+  // A statistic's sums are halved from thread to thread.
+  if (s.stat != kNoStatistic) {
+    s.tpf = static_cast<int>(std::bit_floor(static_cast<unsigned>(s.tpf)));
+  }
   s.wide = s.prec == 2;
   s.fpb = hint.fpb >= 1 ? hint.fpb : std::min(8, std::max(1, (s.n_fft <= 512 ? 256 : 128) / s.tpf));
   s.tw_global = s.wide && (2 * half + 1 + padding + half / 2) * elem > cap;
@@ -182,15 +190,14 @@ size_t frame_shared_bytes(const StftConfig& s) {
   return (rader_extra(m) + row + (s.wide ? table : 0)) * elem;
 }
 
+int statistic_row(const StftConfig& s) {
+  const int scratch = s.stat == kContrast ? s.band_pad : 2 * s.tpf;
+  return s.stat == kNoStatistic ? 0 : s.n_fft / 2 + 1 + scratch;
+}
+
 size_t total_shared_bytes(const StftConfig& s) {
-  const size_t bytes = frame_shared_bytes(s);
-  if (s.stat == -1) return bytes;
-  constexpr int kContrast = 4;
-  const size_t half = s.n_fft / 2;
-  const size_t scratch =
-      (s.stat == kContrast ? static_cast<size_t>(s.band_pad) : 2 * static_cast<size_t>(s.tpf)) + 1 +
-      half;
-  return bytes + complex_bytes(s.prec) / 2 * s.fpb * scratch;
+  const size_t scalars = static_cast<size_t>(s.fpb) * static_cast<size_t>(statistic_row(s));
+  return frame_shared_bytes(s) + scalars * complex_bytes(s.prec) / 2;
 }
 
 }  // namespace kevra::codegen

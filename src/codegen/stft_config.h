@@ -20,6 +20,22 @@ struct ShapeHint {
   int var = 0;
 };
 
+// What a kernel makes of each frame's magnitudes in place of storing the spectrum; the codes of
+// callers.
+inline constexpr int kNoStatistic = -1;
+inline constexpr int kCentroid = 0;
+inline constexpr int kBandwidth = 1;
+inline constexpr int kFlatness = 2;
+inline constexpr int kRolloff = 3;
+inline constexpr int kContrast = 4;
+
+// Bands, and the values that a band is sorted among, are the contrast's alone.
+struct FrameStatistic {
+  int stat = kNoStatistic;
+  int n_bands = 0;
+  int band_pad = 0;
+};
+
 struct StftConfig {
   int prec = 1;    // compute precision
   int n_fft = 0;   // frame length in real samples
@@ -33,9 +49,9 @@ struct StftConfig {
   int n_mels = 0;  // bands, cepstral count and spectrum power; 0 for a plain spectrum
   int ncep = 0;
   int power = 0;
-  int stat = -1;     // post-reduction; -1 where the kernel ends with the spectrum
+  int stat = kNoStatistic;
   int win_kind = 2;  // where the window comes from
-  int n_bands = 0;   // band count and sort width of the contrast kernels
+  int n_bands = 0;   // as in FrameStatistic
   int band_pad = 0;
   int form = 0;  // form of output
   double eps = 1e-10;
@@ -61,9 +77,11 @@ struct StftRequest {
   int frames;
   int form;
   double eps;
+  FrameStatistic statistic = {};
 };
 
-// The schedules of power-of-two and of other frame lengths for `cap` bytes of shared memory.
+// The schedules of power-of-two and of other frame lengths for `cap` bytes of shared memory. Those
+// with a statistic have a power of two threads to a frame.
 StftConfig build_pow2_schedule(const StftRequest& request, const ShapeHint& hint, int64_t cap);
 StftConfig build_mixed_schedule(const StftRequest& request, const ShapeHint& hint, int64_t cap);
 // The schedule that a request gets; one of the two above, and what the hint's variant bits ask.
@@ -71,8 +89,10 @@ StftConfig route_stft(const StftRequest& request, const ShapeHint& hint, int64_t
 
 // Bins of a spectrum row in padded shared memory.
 size_t padded_bins(const StftConfig& s);
-// Shared memory of a frame kernel, without and with its post-reduction.
+// Shared memory of a frame kernel: what its transforms take, and that with the work area of its
+// statistic, statistic_row scalars a frame.
 size_t frame_shared_bytes(const StftConfig& s);
+int statistic_row(const StftConfig& s);
 size_t total_shared_bytes(const StftConfig& s);
 
 }  // namespace kevra::codegen

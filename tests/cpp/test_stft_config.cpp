@@ -2,6 +2,7 @@
 // and the maps from threads to elements of rows.
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <map>
 #include <random>
 #include <set>
@@ -16,9 +17,11 @@ namespace {
 const HipBackend hip;
 constexpr int64_t kCap = 65536;
 
-StftConfig routed(int n_fft, int prec, const ShapeHint& hint = {}, int64_t cap = kCap) {
-  return route_stft({prec, n_fft, std::max(n_fft / 4, 1), n_fft / 2, 8 * n_fft, 8, 0, 1e-10}, hint,
-                    cap);
+StftConfig routed(int n_fft, int prec, const ShapeHint& hint = {}, int64_t cap = kCap,
+                  const FrameStatistic& statistic = {}) {
+  return route_stft(
+      {prec, n_fft, std::max(n_fft / 4, 1), n_fft / 2, 8 * n_fft, 8, 0, 1e-10, statistic}, hint,
+      cap);
 }
 
 TEST(FrameRoute, LeavesForDeviceMemoryWhereNoPaddedRowFits) {
@@ -50,8 +53,16 @@ TEST(FrameRoute, EveryWishedKernelFits) {
     const int64_t cap = int64_t{1} << (9 + engine() % 9);
     const ShapeHint hint{wish(), wish(), wish(), static_cast<int>(engine() % 4),
                          static_cast<int>(engine() % 512)};
-    const StftKernel kernel{routed(n_fft, prec, hint, cap)};
+    FrameStatistic statistic;
+    if (i % 4 == 0 && prec != kHalf) {
+      statistic.stat = static_cast<int>(engine() % 5);
+      if (statistic.stat == kContrast) statistic.band_pad = 2 << engine() % 12;
+    }
+    const StftKernel kernel{routed(n_fft, prec, hint, cap, statistic)};
     if (kernel.config.core == StftCore::kFourStep) continue;
+    if (statistic.stat != kNoStatistic) {
+      ASSERT_TRUE(std::has_single_bit(static_cast<unsigned>(kernel.config.tpf))) << "halved sums";
+    }
     SCOPED_TRACE(testing::Message()
                  << n_fft << ", " << prec << ", " << cap << ": " << hint.ept << " " << hint.fpb
                  << " " << hint.tpf << " " << hint.core << " " << hint.var);
@@ -85,6 +96,17 @@ TEST(FrameKernel, EqualKeysHaveEqualTexts) {
               if (prec == kFloat) add(config, kHalf);
             }
           }
+        }
+      }
+    }
+  }
+  for (int prec : {kFloat, kDouble}) {
+    for (int stat : {kCentroid, kBandwidth, kFlatness, kRolloff, kContrast}) {
+      for (int n_bands : {2, 3}) {
+        for (int band_pad : {8, 16}) {
+          StftConfig config = routed(64, prec, {}, kCap, {stat, n_bands, band_pad});
+          config.form = 1;
+          add(config, prec);
         }
       }
     }

@@ -1,4 +1,5 @@
-// The short-time Fourier transform in one kernel: frames, window, transform and form of output.
+// The short-time Fourier transform in one kernel: frames, window, transform, and the form of output
+// or a statistic of every frame.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +12,8 @@
 namespace kevra::codegen {
 
 // The kernel takes (y, out, tw, win, NFRAMES, SIG_LEN): rows of SIG_LEN samples in, rows of
-// NFRAMES spectra of n_fft / 2 + 1 bins out. Signal length and frame count shape no text.
+// NFRAMES spectra of n_fft / 2 + 1 bins out, or of a frame's statistic, which adds parameters of
+// its own. Signal length and frame count shape no text.
 struct StftKernel {
   static constexpr const char* kName = "kevra_stft";
 
@@ -20,7 +22,7 @@ struct StftKernel {
   std::string key() const;
   int block() const { return frame_block(config); }
   unsigned blocks(int frames) const { return frame_blocks(config, frames); }
-  size_t shared_bytes() const { return frame_shared_bytes(config); }
+  size_t shared_bytes() const { return total_shared_bytes(config); }
 };
 
 std::string stft_source(const StftKernel& kernel, const Backend& backend);

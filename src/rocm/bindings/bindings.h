@@ -15,6 +15,7 @@ void bind_istft(pybind11::module_& m);
 void bind_griffinlim(pybind11::module_& m);
 void bind_mel(pybind11::module_& m);
 void bind_cepstra(pybind11::module_& m);
+void bind_statistics(pybind11::module_& m);
 void bind_convolution(pybind11::module_& m);
 void bind_lfilter(pybind11::module_& m);
 void bind_routing(pybind11::module_& m);
