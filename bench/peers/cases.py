@@ -5,7 +5,7 @@ from dataclasses import asdict, dataclass
 
 import numpy as np
 import scipy.fft
-from peers import filters, spectrograms
+from peers import features, filters, spectrograms
 
 POWERS = [16, 32, 64, 128, 256, 512, 1024, 2048]
 AWKWARD = [100, 240, 360, 480, 600, 720, 960, 1000, 1200, 1536, 3125]
@@ -51,6 +51,8 @@ class Case:
             return (self.batch, self.frames, self.frame_length // 2 + 1), self.complex
         if self.operation == "irfft":
             return (self.batch, self.n // 2 + 1), self.complex
+        if self.operation in features.OPERATIONS:
+            return features.input_shape(self), self.real
         return (self.batch, self.n), self.complex if self.operation == "fft" else self.real
 
     @property
@@ -63,6 +65,8 @@ class Case:
             return (self.batch, self.n // 2 + 1), self.complex
         if self.operation == "rms":
             return (self.batch, self.frames), self.real
+        if self.operation in features.OPERATIONS:
+            return features.output_shape(self), self.real
         if self.operation in filters.OPERATIONS:
             return (self.batch, filters.output_length(self)), self.real
         return (self.batch, self.n), self.complex if self.operation == "fft" else self.real
@@ -85,7 +89,7 @@ class Case:
 
 def grid(sizes: dict[str, list[int]], batches: list[int], signals: dict[str, list]) -> list[Case]:
     """`sizes` has the lengths of each transform; all else is measured where it stands in it, on its signals,
-    spectrograms in float."""
+    spectrograms and their features in float."""
     cases = []
     for precision in EPS:
         for operation in TRANSFORMS:
@@ -95,6 +99,10 @@ def grid(sizes: dict[str, list[int]], batches: list[int], signals: dict[str, lis
     for operation in spectrograms.OPERATIONS:
         if operation in sizes:
             fields = spectrograms.sizes(operation, signals["recordings"])
+            cases += [Case(operation, "float", **of_one) for of_one in fields]
+    for operation in features.OPERATIONS:
+        if operation in sizes:
+            fields = features.sizes(operation, signals["features"])
             cases += [Case(operation, "float", **of_one) for of_one in fields]
     for operation in filters.OPERATIONS:
         if operation in sizes:
@@ -108,6 +116,8 @@ def make_input(case: Case) -> np.ndarray:
     if case.operation == "istft":
         signal = random.standard_normal((case.batch, case.n), dtype=case.real)
         return spectrograms.spectrum(case, signal, workers=-1)
+    if case.operation in features.OPERATIONS:
+        return features.make_input(case, random)
     (rows, columns), dtype = case.input
     if dtype == case.real:
         return random.standard_normal((rows, columns), dtype=case.real)
@@ -123,6 +133,8 @@ def exact(case: Case, x: np.ndarray) -> np.ndarray:
     """The result in double precision."""
     if case.operation in spectrograms.OPERATIONS:
         return spectrograms.exact(case, x)
+    if case.operation in features.OPERATIONS:
+        return features.exact(case, x)
     if case.operation in filters.OPERATIONS:
         return filters.exact(case, x)
     wide = x.astype(np.result_type(x.dtype, np.float64))
@@ -146,6 +158,8 @@ def framed_rms(arrays, x, case: Case):
 
 def bound(case: Case) -> float:
     """Largest relative L2 error. A fast transform's grows with its depth; sums of a frame may be taken one by one."""
+    if case.operation in features.OPERATIONS:
+        return features.BOUND[case.precision]
     if case.operation in filters.OPERATIONS:
         return filters.BOUND[case.precision]
     if case.operation in TRANSFORMS or case.operation in spectrograms.OPERATIONS:
@@ -155,11 +169,14 @@ def bound(case: Case) -> float:
     return EPS[case.precision] * math.sqrt(case.frame_length)
 
 
-def disagreement(case: Case, name: str, result: np.ndarray, wanted: np.ndarray) -> str | None:
-    """Why a result must not be timed, or None for one that agrees."""
+def disagreement(case: Case, name: str, result: np.ndarray, wanted: np.ndarray, x: np.ndarray) -> str | None:
+    """Why a result of `x` must not be timed, or None for one that agrees."""
     shape, dtype = case.output
     if result.shape != shape or result.dtype != dtype:
         return f"{case}: {name} gives {result.dtype} of {result.shape}, must be {dtype} of {shape}; not timed"
+    if case.operation == "griffinlim":
+        refused = features.disagreement(case, result, wanted, x)
+        return f"{case}: {name} {refused}; not timed" if refused else None
     error = float(np.linalg.norm((result - wanted).ravel()) / np.linalg.norm(wanted.ravel()))
     if not error <= bound(case):  # a NaN is no agreement either
         return f"{case}: {name} is off by {error:.2g} (relative L2), must be at most {bound(case):.2g}; not timed"

@@ -15,10 +15,10 @@ from pathlib import Path
 
 import harness
 import kevra
-from peers import cases, filters, output, spectrograms, timing
+from peers import cases, features, filters, output, spectrograms, timing
 from peers.contenders import Resident
 
-OPERATIONS = [*cases.TRANSFORMS, "rms", *spectrograms.OPERATIONS, *filters.OPERATIONS]
+OPERATIONS = [*cases.TRANSFORMS, "rms", *spectrograms.OPERATIONS, *features.OPERATIONS, *filters.OPERATIONS]
 PACKAGES = ["numpy", "scipy", "librosa", "torch", "torchaudio", "cupy"]
 
 
@@ -32,6 +32,11 @@ def options(description: str, counts: dict[str, int]) -> Namespace:
             "type": recordings,
             "default": spectrograms.RECORDINGS,
             "help": "kind, rows and seconds for spectrograms, as speech:16x30,music:1x10",
+        },
+        "features": {
+            "type": recordings,
+            "default": features.RECORDINGS,
+            "help": "the same for features of spectra and Griffin-Lim",
         },
         "filtered": {"type": shapes, "default": filters.SIGNALS["lfilter"], "help": "rows and samples for lfilter"},
         "convolved": {"type": shapes, "default": filters.SIGNALS["convolve"], "help": "rows and samples for convolve"},
@@ -72,7 +77,7 @@ def compare(
         record["copy_bytes_per_second"] = timing.copy_rate(hip, chosen.copy)
         lengths = {"fft": chosen.sizes, "rfft": chosen.real_sizes, "irfft": chosen.real_sizes}
         wanted = {operation: lengths.get(operation, []) for operation in chosen.operations}
-        signals = {"rms": chosen.signals, "recordings": chosen.recordings}
+        signals = {"rms": chosen.signals, "recordings": chosen.recordings, "features": chosen.features}
         signals |= {"lfilter": chosen.filtered, "convolve": chosen.convolved}
         grid = cases.grid(wanted, chosen.batches, signals)
         for case in harness.progress(grid, "cases"):
@@ -86,7 +91,7 @@ def compare(
     others = {script: figures_of(script, arguments) for script, arguments in scripts.items()}
     record["other_figures"] = {name: {"measured": measured, **told(own)} for name, (measured, own) in others.items()}
     record["load_at_end"] = os.getloadavg()[0]
-    figures = long_music_figures(results) + filters.figures(results)
+    figures = long_music_figures(results) + features.figures(results) + filters.figures(results)
     figures += [figure for script in counted if script in others for figure in others[script][1]]
     record["figures"] = [{**dataclasses.asdict(figure), "passed": figure.passed} for figure in figures]
     record["cases"] = results
@@ -114,18 +119,21 @@ def long_music_figures(results: list[dict]) -> list[harness.Figure]:
 
 def measure(case: cases.Case, x, contenders: list, rounds: int, copied: float) -> dict:
     """Times the contenders of a case, unless one of them gives another result."""
-    wanted = cases.exact(case, x)
+    wanted, told = cases.exact(case, x), {}
     for contender in contenders:
-        refused = cases.disagreement(case, contender.name, contender.result(contender.call()), wanted)
+        result = contender.result(contender.call())
+        refused = cases.disagreement(case, contender.name, result, wanted, x)
         if refused:
             return {"refused": refused}
+        if case.operation == "griffinlim":
+            told.setdefault("convergence", {})[contender.name] = features.convergence(case, x, result)
     taken = timing.alternate(contenders, rounds)
     times = {name: summary(timings) for name, timings in taken.items()}
     ours = [contender.name for contender in contenders if contender.ours]
     peers = [contender.name for contender in contenders if not contender.ours]
     speed = {own: {peer: ratio(taken[peer], taken[own]) for peer in peers} for own in ours}
     share = case.bytes_moved / (times["kevra resident"]["median_us"] * 1e-6) / copied
-    return {"times": times, "speed_against": speed, "share_of_copy_rate": share}
+    return {"times": times, "speed_against": speed, "share_of_copy_rate": share, **told}
 
 
 def summary(timings: list[tuple[float, float]]) -> dict:

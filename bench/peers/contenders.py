@@ -9,11 +9,12 @@ import kevra
 import numpy as np
 import scipy.fft
 import scipy.signal
-from peers import filters, spectrograms, timing
+from peers import features, filters, spectrograms, timing
 from peers.cases import Case, framed_rms, transformed
 
 PREC = {"float": 1, "double": 2}
-IN_TORCHAUDIO = ["logmel", *filters.OPERATIONS]  # the other transforms are PyTorch's own
+IN_TORCHAUDIO = ["logmel", "mfcc", "centroid", "griffinlim", *filters.OPERATIONS]
+ONLY_IN_TORCHAUDIO = [*features.OPERATIONS, *filters.OPERATIONS]  # all else PyTorch has itself
 
 
 @dataclass
@@ -51,6 +52,8 @@ class Resident:
         precision = PREC[case.precision]
         if case.operation in spectrograms.OPERATIONS:
             name, self.arguments = spectrograms.resident_call(case, self.x, self.out, precision)
+        elif case.operation in features.OPERATIONS:
+            name, self.arguments, self.others = features.resident_call(case, hip, self.x, self.out, precision)
         elif case.operation in filters.OPERATIONS:
             name, self.arguments, self.others = filters.resident_call(case, hip, self.x, self.out, precision)
         else:
@@ -93,6 +96,8 @@ def empty_answer(case: Case) -> np.ndarray:
 def on_the_cpu(case: Case, x: np.ndarray, resident: Resident, libraries: dict, threads: int) -> list[Contender]:
     if case.operation in spectrograms.OPERATIONS:
         return spectrograms_on_the_cpu(case, x, resident, libraries, threads)
+    if case.operation in features.OPERATIONS:
+        return features_on_the_cpu(case, x, resident, libraries, threads)
     if case.operation in filters.OPERATIONS:
         return filters_on_the_cpu(case, x, resident, libraries, threads)
     others = {"fft": (False,), "irfft": (case.n,), "rms": (case.frame_length, case.hop, True)}.get(case.operation, ())
@@ -125,6 +130,23 @@ def spectrograms_on_the_cpu(case: Case, x, resident: Resident, libraries: dict, 
     if "torch" in libraries:
         libraries["torch"].set_num_threads(threads)
         contenders.append(in_torch(libraries["torch"], case, x, "cpu", timing.wall_clock))
+    return contenders
+
+
+def features_on_the_cpu(case: Case, x, resident: Resident, libraries: dict, threads: int) -> list[Contender]:
+    def narrowed(answer: np.ndarray) -> np.ndarray:
+        """Some compute in double whatever they are given."""
+        return answer.astype(case.real)
+
+    contenders = [
+        Contender("kevra resident", resident.run, resident.result, ours=True),
+        Contender("kevra staged", features.staged_call(case, x), narrowed, ours=True),
+    ]
+    if "librosa" in libraries:
+        contenders.append(Contender("librosa", features.librosa_call(libraries["librosa"], case, x), narrowed))
+    if "torchaudio" in libraries and case.operation in IN_TORCHAUDIO:
+        libraries["torch"].set_num_threads(threads)
+        contenders.append(in_torchaudio(libraries, case, x, "cpu", timing.wall_clock))
     return contenders
 
 
@@ -169,6 +191,8 @@ def in_torchaudio(libraries: dict, case: Case, x: np.ndarray, place: str, clock:
     there = torch.from_numpy(x).to(place)
     if case.operation in filters.OPERATIONS:
         call = filters.torchaudio_call(torchaudio, torch, case, there)
+    elif case.operation in features.OPERATIONS:
+        call = features.torchaudio_call(torchaudio, case, there)
     else:
         call = spectrograms.torchaudio_call(torchaudio, case, there)
     return Contender("torchaudio", call, lambda answer: answer.cpu().numpy(), clock)
@@ -180,11 +204,11 @@ def on_the_gpu(case: Case, x: np.ndarray, resident: Resident, libraries: dict) -
     contenders = [Contender("kevra resident", resident.queue, resident.result, clock, ours=True)]
     if "torch" in libraries:
         torch = libraries["torch"]
-        if case.operation not in filters.OPERATIONS:
+        if case.operation not in ONLY_IN_TORCHAUDIO:
             contenders.append(in_torch(torch, case, x, "cuda", timing.torch_clock(torch)))
         if "torchaudio" in libraries and case.operation in IN_TORCHAUDIO:
             contenders.append(in_torchaudio(libraries, case, x, "cuda", timing.torch_clock(torch)))
-    if "cupy" in libraries and case.operation not in spectrograms.OPERATIONS:
+    if "cupy" in libraries and case.operation not in [*spectrograms.OPERATIONS, *features.OPERATIONS]:
         cupy = libraries["cupy"]
         calls = in_cupy(cupy, case, cupy.asarray(x))
         contenders += [Contender(name, call, cupy.asnumpy, timing.cupy_clock(cupy)) for name, call in calls.items()]

@@ -51,7 +51,7 @@ def spectrum(case: Case, y: np.ndarray, workers: int) -> np.ndarray:
 
 def computed(case: Case, x: np.ndarray, workers: int) -> np.ndarray:
     if case.operation == "istft":
-        return overlap_added(case, scipy.fft.irfft(x, case.frame_length, workers=workers))
+        return overlap_added(case, scipy.fft.irfft(x, case.frame_length, workers=workers), case.n)
     spectra = spectrum(case, x, workers)
     if case.operation == "logmel":
         bands = (spectra.real**2 + spectra.imag**2) @ bank(case).T.astype(x.dtype)
@@ -59,7 +59,7 @@ def computed(case: Case, x: np.ndarray, workers: int) -> np.ndarray:
     return (abs(spectra) if case.operation == "magnitude" else spectra).swapaxes(1, 2)
 
 
-def overlap_added(case: Case, frames: np.ndarray) -> np.ndarray:
+def overlap_added(case: Case, frames: np.ndarray, samples: int) -> np.ndarray:
     """Every so many frames do not overlap: they are added at once."""
     batch, count, n_fft = frames.shape
     weights = window(case, frames.dtype)
@@ -74,7 +74,7 @@ def overlap_added(case: Case, frames: np.ndarray) -> np.ndarray:
             shape = (len(target), own.shape[1], n_fft)
             np.lib.stride_tricks.as_strided(target[:, first * case.hop :], shape, strides)[...] += values
     start = n_fft // 2
-    heard = slice(start, start + case.n)
+    heard = slice(start, start + samples)
     return total[:, heard] / envelope[:, heard]
 
 

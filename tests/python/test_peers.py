@@ -9,8 +9,10 @@ import pytest
 
 BENCH = Path(__file__).parents[2] / "bench"
 TINY = ["--sizes", "16,100", "--real-sizes", "21,30", "--batches", "3", "--signals", "2x4096", "--rounds", "2",
-        "--copy", "1", "--recordings", "speech:2x1,music:1x1", "--filtered", "2x5000", "--convolved", "2x5000"]
+        "--copy", "1", "--recordings", "speech:2x1,music:1x1", "--features", "music:1x1",
+        "--filtered", "2x5000", "--convolved", "2x5000"]
 SPECTROGRAMS = {"stft": 2, "magnitude": 2, "istft": 2, "logmel": 3}  # cases of those recordings
+FEATURES = {"mfcc": {"bands": 40}, "centroid": {}, "contrast": {"bands": 7}}
 FILTERS = {"lfilter": {"scipy lfilter"}, "convolve": {"scipy fftconvolve", "scipy oaconvolve"}}  # three cases each
 ABSENT = "raise ImportError"
 ALL_ABSENT = dict.fromkeys(["librosa", "torch", "torchaudio"], ABSENT)
@@ -50,11 +52,13 @@ def test_cpu_times_everybody_and_leaves_out_absent_peers(bench, tmp_path):
     assert child.returncode == 0, child.stdout + child.stderr
     assert record["left out"] == dict.fromkeys(["librosa", "PyTorch", "torchaudio"], "not installed, left out")
     assert files == {".json", ".svg"}
-    assert len(record["cases"]) == 2 * (2 + 4 + 2) + sum(SPECTROGRAMS.values()) + 2 * 3 * len(FILTERS)
+    assert len(record["cases"]) == 2 * (2 + 4 + 2) + sum(SPECTROGRAMS.values()) + len(FEATURES) + 1 + 2 * 3 * len(FILTERS)
     for case in record["cases"]:
         peers = {"numpy"} | ({"scipy 1", "scipy all"} if case["operation"] != "rms" else set())
         if case["operation"] in SPECTROGRAMS:
             peers = {"scipy all"}
+        if case["operation"] in [*FEATURES, "griffinlim"]:
+            peers = set()
         own = {"kevra resident", "kevra staged"}
         if case["operation"] in FILTERS:
             peers = FILTERS[case["operation"]]
@@ -95,24 +99,38 @@ def test_gpu_runs_on_whatever_is_bound_without_peers(bench):
 
 
 @pytest.mark.parametrize("precision", ["float", "double"])
-@pytest.mark.parametrize("operation", ["fft", "rfft", "irfft", "rms", *SPECTROGRAMS, *FILTERS])
+@pytest.mark.parametrize("operation", ["fft", "rfft", "irfft", "rms", *SPECTROGRAMS, *FEATURES, *FILTERS])
 def test_agreement_is_refused_beyond_its_bound(monkeypatch, operation, precision):
     monkeypatch.syspath_prepend(BENCH)
     from peers import cases
 
-    frame = {"frame_length": 256, "hop": 64} if operation in ("rms", *SPECTROGRAMS) else {}
-    bank = {"rate": 16000, "bands": 40} if operation == "logmel" else {}
-    filtered = {"lfilter": {"order": 2}, "convolve": {"taps": 64}}.get(operation, {})
-    case = cases.Case(operation, precision, 1024, 4, **frame, **bank, **filtered)
-    wanted = cases.exact(case, cases.make_input(case))
+    frame = {"frame_length": 256, "hop": 64} if operation in ("rms", *SPECTROGRAMS, *FEATURES) else {}
+    rate = {"rate": 16000} if operation in ("logmel", *FEATURES) else {}
+    more = {"logmel": {"bands": 40}, **FEATURES, "lfilter": {"order": 2}, "convolve": {"taps": 64}}.get(operation, {})
+    case = cases.Case(operation, precision, 1024, 4, **frame, **rate, **more)
+    x = cases.make_input(case)
+    wanted = cases.exact(case, x)
     right = wanted.astype(case.output[1])
-    assert cases.disagreement(case, "peer", right, wanted) is None
+    assert cases.disagreement(case, "peer", right, wanted, x) is None
 
     shuffled = right[::-1].copy()
     damaged = right.copy()
     damaged[2, 5] = np.nan
     scaled = right * case.real.type(1 + 2 * cases.bound(case))
     for wrong in (shuffled, damaged, scaled):
-        assert "relative L2" in cases.disagreement(case, "peer", wrong, wanted)
-    assert "must be" in cases.disagreement(case, "peer", right[:3], wanted)
-    assert "must be" in cases.disagreement(case, "peer", right.astype(np.clongdouble), wanted)
+        assert "relative L2" in cases.disagreement(case, "peer", wrong, wanted, x)
+    assert "must be" in cases.disagreement(case, "peer", right[:3], wanted, x)
+    assert "must be" in cases.disagreement(case, "peer", right.astype(np.clongdouble), wanted, x)
+
+
+def test_signals_found_agree_by_how_well_they_fit(monkeypatch):
+    monkeypatch.syspath_prepend(BENCH)
+    from peers import cases, features
+
+    case = cases.Case("griffinlim", "double", 4096, 2, 256, 64, 16000)
+    s = cases.make_input(case)
+    wanted = cases.exact(case, s)
+    assert cases.disagreement(case, "peer", -wanted, wanted, s) is None
+    unsought = features.from_spectrum(case, s.astype(case.complex))
+    for wrong in unsought, wanted * 1.1, wanted[::-1], np.full_like(wanted, np.nan):
+        assert "spectral convergence" in cases.disagreement(case, "peer", wrong, wanted, s)
