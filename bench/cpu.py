@@ -1,4 +1,4 @@
-"""FFT, RMS and spectrograms on the CPU device against scipy, numpy and, where installed, librosa and PyTorch.
+"""FFT, RMS, spectrograms, their features and filters on the CPU device against scipy, numpy and, where installed, librosa and PyTorch.
 
 The CPU device is a stand-in that runs GPU kernels on the processor: these figures tell what it costs to work without
 a GPU, and nothing about GPUs. `resident` works in device memory, `staged` takes and gives numpy arrays as its peers do.

@@ -35,6 +35,9 @@ def find(names: dict[str, str], needs_gpu: bool) -> tuple[dict, dict[str, str]]:
         except ImportError:
             absent[name] = "not installed, left out"
             continue
+        except OSError as failure:  # a library in it that does not fit the machine or another package
+            absent[name] = f"does not load, left out: {failure}"
+            continue
         if needs_gpu and hasattr(library, "cuda") and not library.cuda.is_available():
             absent[name] = "sees no GPU, left out"
         else:
