@@ -3,6 +3,7 @@
 import argparse
 import ctypes
 import json
+import math
 import os
 import platform
 import statistics
@@ -86,6 +87,16 @@ def report(chosen: argparse.Namespace, measured: str, figures: list[Figure], not
         record = {**lines, "figures": [{**asdict(figure), "passed": figure.passed} for figure in figures]}
         Path(chosen.json).write_text(json.dumps(record, indent=2) + "\n")
     return 0 if all(figure.passed for figure in figures) else 1
+
+
+def worst(name: str, measured: list, error: str, unit: str, bar: float, notes: dict) -> list[Figure]:
+    """The largest of an error over what has `errors` and a `setting`, and where it is; nothing where none has it."""
+    own = [m for m in measured if error in m.errors]
+    if not own:
+        return []
+    most = max(own, key=lambda m: (math.isnan(m.errors[error]), m.errors[error]))
+    notes[f"{name}: worst at"] = str(most.setting)
+    return [Figure(name, most.errors[error], unit, bar)]
 
 
 def machine() -> str:

@@ -5,7 +5,6 @@ half against those in float. Which core ran is read from the debug output. Decib
 power 1 has 0 dB.
 """
 
-import math
 import multiprocessing
 import os
 import sys
@@ -73,14 +72,14 @@ def spectrum_figures(operation: str, precision: str, measured: list, notes: dict
     for core in [*spectra.CORES.values(), spectra.STAGED]:
         alike = [m for m in own if m.core == core]
         notes[f"{name}, {core}: settings"] = str(len(alike))
-        figures += worst(f"{name}, {core}, relative L2", alike, "l2", "", L2_BARS[precision], notes)
+        figures += harness.worst(f"{name}, {core}, relative L2", alike, "l2", "", L2_BARS[precision], notes)
     bar = DECIBEL_BARS[precision]
-    figures += worst(f"{name}, decibels, by a bin's share of its frame", own, "db weighted", "dB", bar, notes)
-    plain = worst(f"{name}, decibels, any bin", own, "db", "dB", bar, notes)
+    figures += harness.worst(f"{name}, decibels, by a bin's share of its frame", own, "db weighted", "dB", bar, notes)
+    plain = harness.worst(f"{name}, decibels, any bin", own, "db", "dB", bar, notes)
     if precision == "double":
         return figures + plain
     # No float transform holds a bin far under its frame to that bar, so that numpy's stands beside it.
-    numpys = worst("", own, "db numpy", "dB", bar, {})
+    numpys = harness.worst("", own, "db numpy", "dB", bar, {})
     for own_figure, numpys_figure in zip(plain, numpys):
         notes[own_figure.name] = f"{own_figure.value:.3g} dB, numpy's float transform {numpys_figure.value:.3g} dB"
     return figures
@@ -92,7 +91,7 @@ def half_figures(measured: list, notes: dict) -> list[harness.Figure]:
         own = [m for m in measured if (m.operation, m.precision) == (operation, "half") and not m.failure]
         overflows = sum(m.errors["overflows"] for m in own)
         figures.append(harness.Figure(f"{operation} half, overflows where float fits", overflows, "", 0))
-        figures += worst(f"{operation} half, over a row's maximum", own, "row", "", HALF_BAR, notes)
+        figures += harness.worst(f"{operation} half, over a row's maximum", own, "row", "", HALF_BAR, notes)
     return figures
 
 
@@ -100,18 +99,8 @@ def interior_figures(measured: list, notes: dict) -> list[harness.Figure]:
     figures = []
     for precision, bar in INTERIOR_BARS.items():
         own = [m for m in measured if (m.operation, m.precision) == ("istft", precision) and not m.failure]
-        figures += worst(f"istft of stft {precision}, over the peak", own, "interior", "", bar, notes)
+        figures += harness.worst(f"istft of stft {precision}, over the peak", own, "interior", "", bar, notes)
     return figures
-
-
-def worst(name: str, measured: list, error: str, unit: str, bar: float, notes: dict) -> list[harness.Figure]:
-    """The largest of an error and where it is; nothing where no call has it."""
-    own = [m for m in measured if error in m.errors]
-    if not own:
-        return []
-    most = max(own, key=lambda m: (math.isnan(m.errors[error]), m.errors[error]))
-    notes[f"{name}: worst at"] = str(most.setting)
-    return [harness.Figure(name, most.errors[error], unit, bar)]
 
 
 if __name__ == "__main__":

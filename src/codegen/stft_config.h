@@ -36,6 +36,9 @@ struct FrameStatistic {
   int band_pad = 0;
 };
 
+// `win_kind` of frames that are taken as they are: the kernel has no window parameter.
+inline constexpr int kNoWindow = 4;
+
 struct StftConfig {
   int prec = 1;    // compute precision
   int n_fft = 0;   // frame length in real samples

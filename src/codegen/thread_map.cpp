@@ -24,10 +24,11 @@ void map_rows_in_block(KernelWriter& w, int rows, int pitch) {
   w.stmt("cplx* bufA = shbuf + ($ / TPF) * $;", thread, pitch);
 }
 
-void flat_row_index(KernelWriter& w, const std::string& var, const std::string& total) {
+void flat_row_index(KernelWriter& w, const std::string& var, const std::string& total,
+                    const std::string& row) {
   w.stmt("I64 $ = (I64)$ * 256 + $;", var, w.backend.block_index_x(), w.backend.thread_index());
   w.stmt("if ($ >= $) return;", var, total);
-  w.stmt("I64 $ = $;", "row", w.backend.block_index_y());
+  w.stmt("I64 $ = $;", row, w.backend.block_index_y());
 }
 
 void split_row(KernelWriter& w, const std::string& a, const std::string& b) {

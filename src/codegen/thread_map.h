@@ -19,7 +19,8 @@ void map_frames_per_block(KernelWriter& w);
 void map_rows_in_block(KernelWriter& w, int rows, int pitch);
 
 // A loop over `total` elements by blocks of 256 threads: `var`, and `row` from block index y.
-void flat_row_index(KernelWriter& w, const std::string& var, const std::string& total);
+void flat_row_index(KernelWriter& w, const std::string& var, const std::string& total,
+                    const std::string& row = "row");
 // Names the batch row `a` and the frame `b` of `row`.
 void split_row(KernelWriter& w, const std::string& a, const std::string& b);
 // Two rows through one complex transform: row0, row1, and the clamped r0c, r1c to load from.

@@ -11,12 +11,13 @@ bool loads_float_pairs(const Backend& backend, const StftConfig& config) {
          config.hop % 2 == 0 && config.pad % 2 == 0;
 }
 
-void emit_float_pairs(KernelWriter& w, const std::vector<SamplePair>& pairs) {
+void emit_float_pairs(KernelWriter& w, const StftConfig& config,
+                      const std::vector<SamplePair>& pairs) {
   for (const SamplePair& p : pairs) {
     const std::string loaded = w.fresh("ld");
     w.stmt("float2 $ = *(const float2*)(yb + start + 2*($));", loaded, p.index);
-    w.stmt("$ = $.x * $;", p.even, loaded, window_expr("2*(" + p.index + ")"));
-    w.stmt("$ = $.y * $;", p.odd, loaded, window_expr("2*(" + p.index + ") + 1"));
+    w.stmt("$ = $.x * $;", p.even, loaded, window_expr(w, config, "2*(" + p.index + ")"));
+    w.stmt("$ = $.y * $;", p.odd, loaded, window_expr(w, config, "2*(" + p.index + ") + 1"));
   }
 }
 
@@ -40,7 +41,8 @@ void emit_frame_load(KernelWriter& w, const StftConfig& config, const std::strin
 
 }  // namespace
 
-std::string window_expr(const std::string& index) {
+std::string window_expr(const KernelWriter& w, const StftConfig& config, const std::string& index) {
+  if (config.win_kind == kNoWindow) return "(" + w.backend.scalar_type(config.prec) + ")1";
   return "win[" + index + "]";
 }
 
@@ -49,7 +51,7 @@ std::string windowed_sample(const KernelWriter& w, const StftConfig& config,
   const std::string cast =
       config.in_prec == config.prec ? "" : "(" + w.backend.scalar_type(config.prec) + ")";
   return format("$yb[refl($*$ + $)] * $",
-                {cast, frame, std::to_string(config.hop), index, window_expr(index)});
+                {cast, frame, std::to_string(config.hop), index, window_expr(w, config, index)});
 }
 
 void emit_sample_pairs(KernelWriter& w, const StftConfig& config,
@@ -65,7 +67,7 @@ void emit_sample_pairs(KernelWriter& w, const StftConfig& config,
     w.stmt("int start = frame*$ - $;", config.hop, config.pad);
     w.stmt("if ((SIG_LEN & 1)==0 && ((I64)yb & 7)==0 && start >= 0 && start + $ <= SIG_LEN) {",
            config.n_fft);
-    emit_float_pairs(w, pairs);
+    emit_float_pairs(w, config, pairs);
     w.stmt("} else {");
     emit_reflected_pairs(w, config, pairs);
     w.stmt("}");

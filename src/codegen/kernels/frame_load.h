@@ -1,5 +1,6 @@
 // The samples of frames on their way into a transform: times the window, reflected at the signal's
-// ends. The kernel has `yb`, the row of SIG_LEN samples, `win`, and refl in place.
+// ends. The kernel has `yb`, the row of SIG_LEN samples, `win` unless its frames have no window,
+// and refl in place.
 #pragma once
 
 #include <string>
@@ -11,7 +12,7 @@
 namespace kevra::codegen {
 
 // The window's value at `index`, in the compute type.
-std::string window_expr(const std::string& index);
+std::string window_expr(const KernelWriter& w, const StftConfig& config, const std::string& index);
 
 // Sample `index` of frame `frame`, windowed.
 std::string windowed_sample(const KernelWriter& w, const StftConfig& config,
