@@ -19,7 +19,10 @@ const std::vector<Family>& families() {
                                        lfilter_basis_family(), conv_pad_family(),
                                        conv_multiply_family(), conv_slice_family(),
                                        conv_direct_family(),   gl_step_family(),
-                                       gl_mul_family()};
+                                       gl_mul_family(),        cqt_family(),
+                                       cqt_half_band_family(), cqt_pad_family(),
+                                       cqt_reduce_family(),    chroma_family(),
+                                       tonnetz_family()};
   return all;
 }
 

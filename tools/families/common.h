@@ -46,5 +46,11 @@ Family conv_slice_family();
 Family conv_direct_family();
 Family gl_mul_family();
 Family gl_step_family();
+Family cqt_family();
+Family cqt_half_band_family();
+Family cqt_pad_family();
+Family cqt_reduce_family();
+Family chroma_family();
+Family tonnetz_family();
 
 }  // namespace kevra_tools

@@ -17,6 +17,8 @@ void bind_mel(pybind11::module_& m);
 void bind_cepstra(pybind11::module_& m);
 void bind_statistics(pybind11::module_& m);
 void bind_convolution(pybind11::module_& m);
+void bind_cqt(pybind11::module_& m);
+void bind_chroma(pybind11::module_& m);
 void bind_lfilter(pybind11::module_& m);
 void bind_routing(pybind11::module_& m);
 

@@ -14,6 +14,8 @@ PYBIND11_MODULE(_rocm, m) {
   kevra::bindings::bind_mel(m);
   kevra::bindings::bind_cepstra(m);
   kevra::bindings::bind_statistics(m);
+  kevra::bindings::bind_cqt(m);
+  kevra::bindings::bind_chroma(m);
   kevra::bindings::bind_convolution(m);
   kevra::bindings::bind_lfilter(m);
   kevra::bindings::bind_routing(m);

@@ -1,0 +1,140 @@
+#include "cuda_like/ops/chroma.h"
+
+#include <memory>
+#include <stdexcept>
+#include <utility>
+
+#include "codegen/kernels/chroma.h"
+#include "codegen/kernels/spectrum_output.h"
+#include "codegen/precision.h"
+#include "cuda_like/hash.h"
+#include "cuda_like/ops/cqt.h"
+#include "cuda_like/ops/guards.h"
+#include "cuda_like/ops/plan_map.h"
+
+namespace kevra::ops {
+namespace {
+
+using codegen::ChromaKernel;
+
+constexpr const char* kOp = "chroma";
+constexpr unsigned kBlock = 256;
+// The sums of a frame are one thread's.
+constexpr int64_t kMostClasses = 1024;
+
+struct FoldPlan {
+  kernel_t fn = nullptr;
+  devptr_t classes = nullptr;
+};
+
+template <class T>
+FoldPlan fold_plan(const CqtCall& call, const ChromaClasses& c, bool half) {
+  static thread_local PlanMap<FoldPlan> plans;
+  const PlanKey key{
+      key_of({content_hash(call.design.plan_key), uint64_t(call.design.n_bins),
+              uint64_t(c.classes.count), uint64_t(c.n_chroma), uint64_t(call.device), half}),
+      0};
+  if (const auto it = plans.find(key); it != plans.end()) return it->second;
+  const int compute = sizeof(T) == 8 ? codegen::kDouble : codegen::kFloat;
+  const ChromaKernel kernel{compute, static_cast<int>(c.n_chroma), half ? codegen::kHalf : compute};
+  FoldPlan plan;
+  plan.classes = classes_table<T>(kOp, call.design, c.classes, c.n_chroma);
+  plan.fn = kernel_function(
+      kernel.key(), call.device, [&] { return kernel.source(backend()); }, kernel.kName);
+  plans.emplace(key, plan);
+  return plan;
+}
+
+void check_classes(const ChromaClasses& c) {
+  require_at_least(kOp, "n_chroma", c.n_chroma, 1);
+  require_at_most(kOp, "n_chroma", c.n_chroma, kMostClasses);
+}
+
+// Plans of the two stages; what is wrong with the arguments is told here.
+struct ChromaPlan {
+  std::shared_ptr<const CqtPlan> magnitudes;
+  FoldPlan fold;
+};
+
+template <class T>
+ChromaPlan chroma_plan(const CqtCall& magnitudes, const ChromaClasses& classes, bool half) {
+  check_classes(classes);
+  std::shared_ptr<const CqtPlan> plan = cqt_plan<T>(magnitudes);
+  return {std::move(plan), fold_plan<T>(magnitudes, classes, half)};
+}
+
+// The first stage of a chroma call: magnitudes in the type of the arithmetic.
+CqtCall magnitudes_of(const CqtCall& call) {
+  CqtCall magnitudes = call;
+  magnitudes.op = kOp;
+  magnitudes.form = codegen::kMagnitudeForm;
+  magnitudes.eps = 0;
+  magnitudes.half_output = false;
+  return magnitudes;
+}
+
+template <class T>
+void queue_chroma(const ChromaPlan& plan, CqtCall magnitudes, devptr_t out) {
+  int n_bins = static_cast<int>(magnitudes.design.n_bins);
+  int64_t nf = magnitudes.design.frames;
+  DeviceBuffer mag(static_cast<size_t>(magnitudes.batch * n_bins * nf) * sizeof(T),
+                   magnitudes.stream);
+  magnitudes.out = mag.p;
+  queue_cqt<T>(*plan.magnitudes, magnitudes);
+  devptr_t classes = plan.fold.classes;
+  void* args[] = {&mag.p, &out, &classes, &n_bins, &nf};
+  launch_kernel(plan.fold.fn, static_cast<unsigned>((nf + kBlock - 1) / kBlock),
+                static_cast<unsigned>(magnitudes.batch), kBlock, 0, args, ChromaKernel::kName,
+                magnitudes.stream);
+}
+
+template <class T>
+void chroma(const CqtCall& call, const ChromaClasses& classes) {
+  const CqtCall magnitudes = magnitudes_of(call);
+  if (call.is_empty()) {
+    check_classes(classes);
+    return check_cqt(magnitudes);
+  }
+  queue_chroma<T>(chroma_plan<T>(magnitudes, classes, call.half_output), magnitudes, call.out);
+}
+
+}  // namespace
+
+void chroma_resident(const CqtCall& call, const ChromaClasses& classes, int prec) {
+  CqtCall twin = call;
+  twin.half_input = twin.half_output = prec == 0;
+  prec == 2 ? chroma<double>(twin, classes) : chroma<float>(twin, classes);
+}
+
+template <class T>
+PinnedArray<T> chroma_staged(const HostArray<T>& y, const CqtDesign& design,
+                             const ChromaClasses& classes) {
+  if (y.dims() != 2) throw std::invalid_argument("expected a 2-D (batch, samples) array");
+  CqtCall call = magnitudes_of(
+      {.x = nullptr, .out = nullptr, .batch = y.shape[0], .length = y.shape[1], .design = design});
+  const int64_t B = call.batch;
+  const int64_t n_chroma = classes.n_chroma;
+  const int64_t nf = design.frames;
+  if (call.is_empty()) {
+    check_classes(classes);
+    check_cqt(call);
+    select_device(0);
+    return PinnedArray<T>({B, n_chroma, nf});
+  }
+  const ChromaPlan plan = chroma_plan<T>(call, classes, false);
+  DeviceBuffer dy = upload_staged(y.data, static_cast<size_t>(B * call.length));
+  DeviceBuffer dout((size_t)B * n_chroma * nf * sizeof(T), nullptr);
+  call.x = dy.p;
+  queue_chroma<T>(plan, call, dout.p);
+
+  PinnedArray<T> out({B, n_chroma, nf});
+  KEVRA_CHECK(memcpyDtoH(out.mutable_data(), dout.p, (size_t)B * n_chroma * nf * sizeof(T)));
+  return out;
+}
+
+template PinnedArray<float> chroma_staged(const HostArray<float>&, const CqtDesign&,
+                                          const ChromaClasses&);
+template PinnedArray<double> chroma_staged(const HostArray<double>&, const CqtDesign&,
+                                           const ChromaClasses&);
+
+}  // namespace kevra::ops

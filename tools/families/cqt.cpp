@@ -1,0 +1,140 @@
+#include "codegen/kernels/cqt.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+
+#include "codegen/kernels/chroma.h"
+#include "codegen/kernels/cqt_fused.h"
+#include "codegen/kernels/tonnetz.h"
+#include "families/common.h"
+
+namespace kevra_tools {
+namespace {
+
+namespace codegen = kevra::codegen;
+
+constexpr int kBlock = 256;
+
+// The three storage precisions with nothing else to choose.
+const std::vector<Values> every_precision{
+    {{"prec", codegen::kHalf}}, {{"prec", codegen::kFloat}}, {{"prec", codegen::kDouble}}};
+const Parameter form{"form", 0, 0, 3, "0 complex, 1 magnitude, 2 power, 3 decibels"};
+
+Kernel make_fused(const Values& values) {
+  const int prec = values.at("prec");
+  const int n_fft = values.at("n_fft");
+  const codegen::StftRequest request{
+      .prec = codegen::compute_precision(prec),
+      .n_fft = n_fft,
+      .hop = values.at("hop") != 0 ? values.at("hop") : std::max(n_fft / 4, 1),
+      .pad = 0,
+      .length = 0,  // shapes no text, as the number of frames
+      .frames = 0,
+      .form = values.at("form"),
+      .eps = 1e-10};
+  const auto kernel =
+      codegen::route_cqt(request, codegen::storage_precision(prec), 0, kSharedLimit);
+  if (!kernel) {
+    throw std::invalid_argument("n_fft = " + std::to_string(n_fft) +
+                                " goes through device memory; this family is the fused kernel");
+  }
+  return {kernel->kName,          kernel->key(), kernel->block(),
+          kernel->shared_bytes(), true,          kernel->source(hip)};
+}
+
+std::vector<Values> fused_samples() {
+  std::vector<Values> samples;
+  for (int n_fft : {256, 512, 1024, 2048, 4096}) {
+    for (int prec : {codegen::kHalf, codegen::kFloat, codegen::kDouble}) {
+      if (n_fft == 4096 && prec == codegen::kDouble) continue;  // does not fit
+      samples.push_back({{"n_fft", n_fft}, {"prec", prec}});
+    }
+  }
+  for (int f : {1, 2, 3}) samples.push_back({{"form", f}});
+  return samples;
+}
+
+template <class Kernel>
+kevra_tools::Kernel plain(const Kernel& kernel) {
+  return {kernel.kName, kernel.key(), kBlock, 0, true, kernel.source(hip)};
+}
+
+Kernel make_half_band(const Values& values) {
+  const int prec = values.at("prec");
+  return plain(
+      codegen::HalfBandKernel{codegen::compute_precision(prec), codegen::storage_precision(prec)});
+}
+
+Kernel make_pad(const Values& values) {
+  const int prec = values.at("prec");
+  return plain(
+      codegen::CqtPadKernel{codegen::compute_precision(prec), codegen::storage_precision(prec)});
+}
+
+Kernel make_reduce(const Values& values) {
+  const int prec = values.at("prec");
+  return plain(codegen::CqtReduceKernel{codegen::compute_precision(prec), values.at("form"),
+                                        codegen::storage_precision(prec), 1e-10});
+}
+
+Kernel make_chroma(const Values& values) {
+  const int prec = values.at("prec");
+  return plain(codegen::ChromaKernel{codegen::compute_precision(prec), values.at("n_chroma"),
+                                     codegen::storage_precision(prec)});
+}
+
+Kernel make_tonnetz(const Values& values) {
+  return plain(codegen::TonnetzKernel{values.at("prec")});
+}
+
+}  // namespace
+
+Family cqt_family() {
+  return {"cqt",
+          "constant-Q bins of a padded signal, through spectra in shared memory",
+          {{"n_fft", 1024, 2, 1 << 16, "frame length in samples, a power of two"},
+           {"hop", 0, 0, 1 << 16, "frame step in samples; 0 is a quarter of the frame"},
+           precision,
+           form},
+          make_fused,
+          fused_samples()};
+}
+
+Family cqt_half_band_family() {
+  return {
+      "cqt_half_band", "half-band decimation by two", {precision}, make_half_band, every_precision};
+}
+
+Family cqt_pad_family() {
+  return {"cqt_pad",
+          "half samples into padded rows of floats",
+          {{"prec", codegen::kHalf, codegen::kHalf, codegen::kHalf, "0, half storage"}},
+          make_pad,
+          {{}}};
+}
+
+Family cqt_reduce_family() {
+  return {"cqt_reduce",
+          "constant-Q bins of spectra in device memory",
+          {precision, form},
+          make_reduce,
+          {{{"prec", codegen::kHalf}},
+           {{"prec", codegen::kFloat}},
+           {{"prec", codegen::kDouble}},
+           {{"form", 3}}}};
+}
+
+Family chroma_family() {
+  return {"chroma",
+          "pitch classes of constant-Q magnitudes",
+          {precision, {"n_chroma", 12, 1, 1024, "classes"}},
+          make_chroma,
+          every_precision};
+}
+
+Family tonnetz_family() {
+  return {"tonnetz", "tonal coordinates of chroma", {precision}, make_tonnetz, every_precision};
+}
+
+}  // namespace kevra_tools
