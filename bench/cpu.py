@@ -1,4 +1,5 @@
-"""FFT, RMS, spectrograms, their features and filters on the CPU device against scipy, numpy and, where installed, librosa and PyTorch.
+"""FFT, RMS, spectrograms, their features, constant-Q transforms and filters on the CPU device against scipy, numpy and,
+where installed, librosa, PyTorch, torchaudio and nnAudio.
 
 The CPU device is a stand-in that runs GPU kernels on the processor: these figures tell what it costs to work without
 a GPU, and nothing about GPUs. `resident` works in device memory, `staged` takes and gives numpy arrays as its peers do.
@@ -16,7 +17,7 @@ def main() -> int:
     chosen = comparison.options(__doc__, {"threads": os.cpu_count()})
     os.environ["KEVRA_CPU_THREADS"] = str(chosen.threads)
     kevra.use_cpu_device()
-    peers = {"librosa": "librosa", "torch": "PyTorch", "torchaudio": "torchaudio"}
+    peers = {"librosa": "librosa", "torch": "PyTorch", "torchaudio": "torchaudio", "nnAudio.features": "nnAudio"}
     libraries, absent = contenders.find(peers, needs_gpu=False)
     scripts = {
         "fft_host_cost": ["--rounds", "200"],

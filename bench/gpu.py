@@ -1,4 +1,5 @@
-"""FFT, RMS, spectrograms, their features and filters on a GPU against PyTorch, torchaudio and CuPy on the same GPU, where installed.
+"""FFT, RMS, spectrograms, their features, constant-Q transforms and filters on a GPU against PyTorch, torchaudio,
+nnAudio and CuPy on the same GPU, where installed.
 
 Input and output lie in device memory, and events time what is queued. Measured is whatever HIP runtime is bound:
 the one that KEVRA_HIP_PATH names, else the CUDA device where there is an NVIDIA driver, else the system's HIP.
@@ -15,7 +16,7 @@ from peers import comparison, contenders
 def main() -> int:
     chosen = comparison.options(__doc__, {})
     # Before kevra binds its runtime: PyTorch may bring the HIP library that both have to share.
-    peers = {"torch": "PyTorch", "torchaudio": "torchaudio", "cupy": "CuPy"}
+    peers = {"torch": "PyTorch", "torchaudio": "torchaudio", "nnAudio.features": "nnAudio", "cupy": "CuPy"}
     libraries, absent = contenders.find(peers, needs_gpu=True)
     if not os.environ.get("KEVRA_HIP_PATH") and nvidia_driver():
         kevra.use_cuda_device()

@@ -5,7 +5,7 @@ from dataclasses import asdict, dataclass
 
 import numpy as np
 import scipy.fft
-from peers import features, filters, spectrograms
+from peers import constant_q, features, filters, spectrograms
 
 POWERS = [16, 32, 64, 128, 256, 512, 1024, 2048]
 AWKWARD = [100, 240, 360, 480, 600, 720, 960, 1000, 1200, 1536, 3125]
@@ -29,6 +29,7 @@ class Case:
     hop: int = 0
     rate: int = 0  # samples a second
     bands: int = 0
+    bins: int = 0  # of a constant-Q transform
     order: int = 0  # of a linear filter
     taps: int = 0  # of what is convolved with
 
@@ -67,6 +68,8 @@ class Case:
             return (self.batch, self.frames), self.real
         if self.operation in features.OPERATIONS:
             return features.output_shape(self), self.real
+        if self.operation in constant_q.OPERATIONS:
+            return (self.batch, constant_q.output_rows(self), self.frames), self.real
         if self.operation in filters.OPERATIONS:
             return (self.batch, filters.output_length(self)), self.real
         return (self.batch, self.n), self.complex if self.operation == "fft" else self.real
@@ -80,16 +83,19 @@ class Case:
         return {name: value for name, value in asdict(self).items() if value}
 
     def __str__(self) -> str:
-        frames = f", frame {self.frame_length}, hop {self.hop}" if self.hop else ""
+        frame = f", frame {self.frame_length}" if self.frame_length else ""
+        hop = f", hop {self.hop}" if self.hop else ""
         bands = f", {self.bands} bands" if self.bands else ""
+        bins = f", {self.bins} bins" if self.bins else ""
         order = f", order {self.order}" if self.order else ""
         taps = f", {self.taps} taps" if self.taps else ""
-        return f"{self.operation} of {self.batch} x {self.n} {self.precision}{frames}{bands}{order}{taps}"
+        parts = f"{frame}{hop}{bands}{bins}{order}{taps}"
+        return f"{self.operation} of {self.batch} x {self.n} {self.precision}{parts}"
 
 
 def grid(sizes: dict[str, list[int]], batches: list[int], signals: dict[str, list]) -> list[Case]:
     """`sizes` has the lengths of each transform; all else is measured where it stands in it, on its signals,
-    spectrograms and their features in float."""
+    spectrograms, their features and constant-Q transforms in float."""
     cases = []
     for precision in EPS:
         for operation in TRANSFORMS:
@@ -103,6 +109,10 @@ def grid(sizes: dict[str, list[int]], batches: list[int], signals: dict[str, lis
     for operation in features.OPERATIONS:
         if operation in sizes:
             fields = features.sizes(operation, signals["features"])
+            cases += [Case(operation, "float", **of_one) for of_one in fields]
+    for operation in constant_q.OPERATIONS:
+        if operation in sizes:
+            fields = constant_q.sizes(operation, signals["seconds"])
             cases += [Case(operation, "float", **of_one) for of_one in fields]
     for operation in filters.OPERATIONS:
         if operation in sizes:
@@ -133,6 +143,8 @@ def exact(case: Case, x: np.ndarray) -> np.ndarray:
     """The result in double precision."""
     if case.operation in spectrograms.OPERATIONS:
         return spectrograms.exact(case, x)
+    if case.operation in constant_q.OPERATIONS:
+        return constant_q.exact(case, x)
     if case.operation in features.OPERATIONS:
         return features.exact(case, x)
     if case.operation in filters.OPERATIONS:
@@ -156,8 +168,10 @@ def framed_rms(arrays, x, case: Case):
     return arrays.sqrt(arrays.mean(frames**2, axis=2))
 
 
-def bound(case: Case) -> float:
+def bound(case: Case, name: str) -> float:
     """Largest relative L2 error. A fast transform's grows with its depth; sums of a frame may be taken one by one."""
+    if case.operation in constant_q.OPERATIONS:
+        return constant_q.BOUND if name.startswith("kevra") else constant_q.PEER_BOUND
     if case.operation in features.OPERATIONS:
         return features.BOUND[case.precision]
     if case.operation in filters.OPERATIONS:
@@ -178,6 +192,6 @@ def disagreement(case: Case, name: str, result: np.ndarray, wanted: np.ndarray, 
         refused = features.disagreement(case, result, wanted, x)
         return f"{case}: {name} {refused}; not timed" if refused else None
     error = float(np.linalg.norm((result - wanted).ravel()) / np.linalg.norm(wanted.ravel()))
-    if not error <= bound(case):  # a NaN is no agreement either
-        return f"{case}: {name} is off by {error:.2g} (relative L2), must be at most {bound(case):.2g}; not timed"
+    if not error <= bound(case, name):  # a NaN is no agreement either
+        return f"{case}: {name} is off by {error:.2g} (relative L2), must be at most {bound(case, name):.2g}; not timed"
     return None

@@ -15,11 +15,12 @@ from pathlib import Path
 
 import harness
 import kevra
-from peers import cases, features, filters, output, spectrograms, timing
+from peers import cases, constant_q, features, filters, output, spectrograms, timing
 from peers.contenders import Resident
 
-OPERATIONS = [*cases.TRANSFORMS, "rms", *spectrograms.OPERATIONS, *features.OPERATIONS, *filters.OPERATIONS]
-PACKAGES = ["numpy", "scipy", "librosa", "torch", "torchaudio", "cupy"]
+ON_SIGNALS = [*spectrograms.OPERATIONS, *constant_q.OPERATIONS, *features.OPERATIONS, *filters.OPERATIONS]
+OPERATIONS = [*cases.TRANSFORMS, "rms", *ON_SIGNALS]
+PACKAGES = ["numpy", "scipy", "librosa", "torch", "torchaudio", "nnAudio", "cupy"]
 
 
 def options(description: str, counts: dict[str, int]) -> Namespace:
@@ -40,6 +41,7 @@ def options(description: str, counts: dict[str, int]) -> Namespace:
         },
         "filtered": {"type": shapes, "default": filters.SIGNALS["lfilter"], "help": "rows and samples for lfilter"},
         "convolved": {"type": shapes, "default": filters.SIGNALS["convolve"], "help": "rows and samples for convolve"},
+        "seconds": {"type": numbers, "default": constant_q.SECONDS, "help": "of signals for cqt and chroma, as 10,300"},
         "operations": {"choices": OPERATIONS, "nargs": "+", "default": OPERATIONS},
         "only-peers": {"action": "store_true", "help": "leave out host cost and first calls"},
         "folder": {"default": str(harness.HERE / "results"), "help": "where the JSON and the plot go"},
@@ -78,7 +80,7 @@ def compare(
         lengths = {"fft": chosen.sizes, "rfft": chosen.real_sizes, "irfft": chosen.real_sizes}
         wanted = {operation: lengths.get(operation, []) for operation in chosen.operations}
         signals = {"rms": chosen.signals, "recordings": chosen.recordings, "features": chosen.features}
-        signals |= {"lfilter": chosen.filtered, "convolve": chosen.convolved}
+        signals |= {"seconds": chosen.seconds, "lfilter": chosen.filtered, "convolve": chosen.convolved}
         grid = cases.grid(wanted, chosen.batches, signals)
         for case in harness.progress(grid, "cases"):
             x = cases.make_input(case)
@@ -92,6 +94,7 @@ def compare(
     record["other_figures"] = {name: {"measured": measured, **told(own)} for name, (measured, own) in others.items()}
     record["load_at_end"] = os.getloadavg()[0]
     figures = long_music_figures(results) + features.figures(results) + filters.figures(results)
+    figures += constant_q.figures(results)
     figures += [figure for script in counted if script in others for figure in others[script][1]]
     record["figures"] = [{**dataclasses.asdict(figure), "passed": figure.passed} for figure in figures]
     record["cases"] = results

@@ -9,7 +9,7 @@ import kevra
 import numpy as np
 import scipy.fft
 import scipy.signal
-from peers import features, filters, spectrograms, timing
+from peers import constant_q, features, filters, spectrograms, timing
 from peers.cases import Case, framed_rms, transformed
 
 PREC = {"float": 1, "double": 2}
@@ -55,6 +55,8 @@ class Resident:
         precision = PREC[case.precision]
         if case.operation in spectrograms.OPERATIONS:
             name, self.arguments = spectrograms.resident_call(case, self.x, self.out, precision)
+        elif case.operation in constant_q.OPERATIONS:
+            name, self.arguments = constant_q.resident_call(case, self.x, self.out, precision)
         elif case.operation in features.OPERATIONS:
             name, self.arguments, self.others = features.resident_call(case, hip, self.x, self.out, precision)
         elif case.operation in filters.OPERATIONS:
@@ -88,9 +90,9 @@ class Resident:
 
 
 def empty_answer(case: Case) -> np.ndarray:
-    """In the order of kevra's memory, where a frame's bins or bands are adjacent."""
+    """In the order of kevra's memory, where a frame's bins or bands are adjacent but for constant-Q transforms."""
     shape, dtype = case.output
-    if len(shape) == 2:
+    if len(shape) == 2 or case.operation in constant_q.OPERATIONS:
         return np.empty(shape, dtype)
     batch, columns, frames = shape
     return np.empty((batch, frames, columns), dtype).swapaxes(1, 2)
@@ -99,6 +101,8 @@ def empty_answer(case: Case) -> np.ndarray:
 def on_the_cpu(case: Case, x: np.ndarray, resident: Resident, libraries: dict, threads: int) -> list[Contender]:
     if case.operation in spectrograms.OPERATIONS:
         return spectrograms_on_the_cpu(case, x, resident, libraries, threads)
+    if case.operation in constant_q.OPERATIONS:
+        return constant_q_on_the_cpu(case, x, resident, libraries, threads)
     if case.operation in features.OPERATIONS:
         return features_on_the_cpu(case, x, resident, libraries, threads)
     if case.operation in filters.OPERATIONS:
@@ -153,6 +157,18 @@ def features_on_the_cpu(case: Case, x, resident: Resident, libraries: dict, thre
     return contenders
 
 
+def constant_q_on_the_cpu(case: Case, x, resident: Resident, libraries: dict, threads: int) -> list[Contender]:
+    contenders = [
+        Contender("kevra resident", resident.run, resident.result, ours=True),
+        Contender("kevra staged", constant_q.staged_call(case, x), ours=True),
+    ]
+    if "librosa" in libraries:
+        contenders.append(Contender("librosa", constant_q.librosa_call(libraries["librosa"], case, x)))
+    if "torch" in libraries:
+        libraries["torch"].set_num_threads(threads)
+    return contenders + in_nnaudio(libraries, case, x, "cpu", lambda: timing.wall_clock)
+
+
 def filters_on_the_cpu(case: Case, x, resident: Resident, libraries: dict, threads: int) -> list[Contender]:
     contenders = [
         Contender("kevra resident", resident.run, resident.result, ours=True),
@@ -201,10 +217,21 @@ def in_torchaudio(libraries: dict, case: Case, x: np.ndarray, place: str, clock:
     return Contender("torchaudio", call, lambda answer: answer.cpu().numpy(), clock)
 
 
+def in_nnaudio(libraries: dict, case: Case, x: np.ndarray, place: str, clock_of) -> list[Contender]:
+    """It has no chroma, and runs in PyTorch."""
+    if case.operation != "cqt" or not {"torch", "nnAudio.features"} <= libraries.keys():
+        return []
+    torch, features = libraries["torch"], libraries["nnAudio.features"]
+    call = constant_q.nnaudio_call(torch, features, case, torch.from_numpy(x).to(place))
+    return [Contender("nnAudio", call, lambda answer: answer.cpu().numpy(), clock_of())]
+
+
 def on_the_gpu(case: Case, x: np.ndarray, resident: Resident, libraries: dict) -> list[Contender]:
     """Everything lies in device memory, and every library's own events time what it queues on the null stream."""
     clock = timing.hip_clock(resident.hip)
     contenders = [Contender("kevra resident", resident.queue, resident.result, clock, ours=True)]
+    if case.operation in constant_q.OPERATIONS:
+        return contenders + in_nnaudio(libraries, case, x, "cuda", lambda: timing.torch_clock(libraries["torch"]))
     if "torch" in libraries:
         torch = libraries["torch"]
         if case.operation not in ONLY_IN_TORCHAUDIO:

@@ -85,11 +85,13 @@ def table(results: list[dict]) -> list[list[str]]:
 
 
 def label(result: dict) -> str:
-    frame = f" frame {result['frame_length']} hop {result['hop']}" if "hop" in result else ""
+    frame = f" frame {result['frame_length']}" if "frame_length" in result else ""
+    hop = f" hop {result['hop']}" if "hop" in result else ""
     bands = f" bands {result['bands']}" if "bands" in result else ""
+    bins = f" bins {result['bins']}" if "bins" in result else ""
     order = f" order {result['order']}" if "order" in result else ""
     taps = f" taps {result['taps']}" if "taps" in result else ""
-    return f"{result['batch']} x {result['n']} {result['precision']}{frame}{bands}{order}{taps}"
+    return f"{result['batch']} x {result['n']} {result['precision']}{frame}{hop}{bands}{bins}{order}{taps}"
 
 
 def print_aligned(lines: list[list[str]]) -> None:

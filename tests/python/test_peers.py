@@ -10,12 +10,13 @@ import pytest
 BENCH = Path(__file__).parents[2] / "bench"
 TINY = ["--sizes", "16,100", "--real-sizes", "21,30", "--batches", "3", "--signals", "2x4096", "--rounds", "2",
         "--copy", "1", "--recordings", "speech:2x1,music:1x1", "--features", "music:1x1",
-        "--filtered", "2x5000", "--convolved", "2x5000"]
+        "--filtered", "2x5000", "--convolved", "2x5000", "--seconds", "1"]
 SPECTROGRAMS = {"stft": 2, "magnitude": 2, "istft": 2, "logmel": 3}  # cases of those recordings
 FEATURES = {"mfcc": {"bands": 40}, "centroid": {}, "contrast": {"bands": 7}}
 FILTERS = {"lfilter": {"scipy lfilter"}, "convolve": {"scipy fftconvolve", "scipy oaconvolve"}}  # three cases each
+CONSTANT_Q = {name: {"hop": 512, "rate": 22050, "bins": bins} for name, bins in {"cqt": 84, "chroma": 252}.items()}
 ABSENT = "raise ImportError"
-ALL_ABSENT = dict.fromkeys(["librosa", "torch", "torchaudio"], ABSENT)
+ALL_ABSENT = dict.fromkeys(["librosa", "torch", "torchaudio", "nnAudio"], ABSENT)
 BLIND = "class cuda: is_available = staticmethod(lambda: False)"
 # Off by 1e-4 where 5e-6 are allowed: what rounding to half precision somewhere would give.
 WRONG = """
@@ -50,14 +51,16 @@ def bench(run_python, tmp_path):
 def test_cpu_times_everybody_and_leaves_out_absent_peers(bench, tmp_path):
     child, record, files = bench("cpu", ALL_ABSENT, "--only-peers", "--markdown", tmp_path / "table.md")
     assert child.returncode == 0, child.stdout + child.stderr
-    assert record["left out"] == dict.fromkeys(["librosa", "PyTorch", "torchaudio"], "not installed, left out")
+    absent = ["librosa", "PyTorch", "torchaudio", "nnAudio"]
+    assert record["left out"] == dict.fromkeys(absent, "not installed, left out")
     assert files == {".json", ".svg"}
-    assert len(record["cases"]) == 2 * (2 + 4 + 2) + sum(SPECTROGRAMS.values()) + len(FEATURES) + 1 + 2 * 3 * len(FILTERS)
+    others = sum(SPECTROGRAMS.values()) + len(FEATURES) + 1 + len(CONSTANT_Q) + 2 * 3 * len(FILTERS)
+    assert len(record["cases"]) == 2 * (2 + 4 + 2) + others
     for case in record["cases"]:
         peers = {"numpy"} | ({"scipy 1", "scipy all"} if case["operation"] != "rms" else set())
         if case["operation"] in SPECTROGRAMS:
             peers = {"scipy all"}
-        if case["operation"] in [*FEATURES, "griffinlim"]:
+        if case["operation"] in [*FEATURES, "griffinlim", *CONSTANT_Q]:
             peers = set()
         own = {"kevra resident", "kevra staged"}
         if case["operation"] in FILTERS:
@@ -87,10 +90,11 @@ def test_a_wrong_peer_is_not_timed_and_the_others_are(bench):
 
 def test_gpu_runs_on_whatever_is_bound_without_peers(bench):
     """The CPU device stands in for the GPU, as KEVRA_HIP_PATH says."""
-    child, record, files = bench("gpu", {"torch": BLIND, "torchaudio": ABSENT, "cupy": ABSENT}, "--starts", "1")
+    child, record, files = bench("gpu", {"torch": BLIND, "torchaudio": ABSENT, "nnAudio": ABSENT, "cupy": ABSENT},
+                                 "--starts", "1")
     assert child.returncode == 0, child.stdout + child.stderr
     assert record["left out"] == {"PyTorch": "sees no GPU, left out", "torchaudio": "not installed, left out",
-                                  "CuPy": "not installed, left out"}
+                                  "nnAudio": "not installed, left out", "CuPy": "not installed, left out"}
     assert files == {".json"}
     assert record["other_figures"]["first_call"]["warm cache"].endswith(" ms")
     for case in record["cases"]:
@@ -99,14 +103,15 @@ def test_gpu_runs_on_whatever_is_bound_without_peers(bench):
 
 
 @pytest.mark.parametrize("precision", ["float", "double"])
-@pytest.mark.parametrize("operation", ["fft", "rfft", "irfft", "rms", *SPECTROGRAMS, *FEATURES, *FILTERS])
+@pytest.mark.parametrize("operation", ["fft", "rfft", "irfft", "rms", *SPECTROGRAMS, *FEATURES, *CONSTANT_Q, *FILTERS])
 def test_agreement_is_refused_beyond_its_bound(monkeypatch, operation, precision):
     monkeypatch.syspath_prepend(BENCH)
     from peers import cases
 
     frame = {"frame_length": 256, "hop": 64} if operation in ("rms", *SPECTROGRAMS, *FEATURES) else {}
     rate = {"rate": 16000} if operation in ("logmel", *FEATURES) else {}
-    more = {"logmel": {"bands": 40}, **FEATURES, "lfilter": {"order": 2}, "convolve": {"taps": 64}}.get(operation, {})
+    filtered = {"lfilter": {"order": 2}, "convolve": {"taps": 64}}
+    more = {"logmel": {"bands": 40}, **FEATURES, **CONSTANT_Q, **filtered}.get(operation, {})
     case = cases.Case(operation, precision, 1024, 4, **frame, **rate, **more)
     x = cases.make_input(case)
     wanted = cases.exact(case, x)
@@ -116,7 +121,7 @@ def test_agreement_is_refused_beyond_its_bound(monkeypatch, operation, precision
     shuffled = right[::-1].copy()
     damaged = right.copy()
     damaged[2, 5] = np.nan
-    scaled = right * case.real.type(1 + 2 * cases.bound(case))
+    scaled = right * case.real.type(1 + 2 * cases.bound(case, "peer"))
     for wrong in (shuffled, damaged, scaled):
         assert "relative L2" in cases.disagreement(case, "peer", wrong, wanted, x)
     assert "must be" in cases.disagreement(case, "peer", right[:3], wanted, x)
