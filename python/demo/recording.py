@@ -1,10 +1,13 @@
-"""A recording as waveform, spectrograms, cepstra and onsets, and its round trip through the spectrum: see ./demo."""
+"""A recording as waveform, spectrograms, cepstra, onsets, constant-Q transform and chroma, and its round trip through
+the spectrum: see ./demo."""
 
 import argparse
 import subprocess
 import sys
 from pathlib import Path
 
+import harmony
+import harmony_picture
 import kevra
 import numpy as np
 from analysis import analyse, setting_for
@@ -30,12 +33,14 @@ def main() -> int:
     setting = setting_for(rate, samples)
     result, times = analyse(signal, setting)
     tell_frames(setting, result)
-    tell_times(times)
-    checks = check(signal, result, setting)
+    panels, harmony_checks, harmony_times = harmony.analyse(name, rate, signal)
+    tell_times(times | harmony_times)
+    checks = check(signal, result, setting) + harmony_checks
     tell_checks(checks)
 
     folder = Path(options.output)
     tell("Picture", draw(name, signal, setting, result, folder / "spectrogram.png"))
+    tell("", harmony_picture.draw(panels, folder / "constant-q.png"))
     path = write_wav(folder / "round-trip.wav", rate, result.round_trip)
     tell("Round trip", f"{path}, {distance(round_trip_error(signal, result), peak(signal))}")
     return 0 if all(one.passed for one in checks) else 1

@@ -28,8 +28,9 @@ def test_scales_every_sample_width_and_plays_it_back(run_demo, tmp_path, width, 
         out.writeframes(raw.tobytes())
     child = run_demo(file)
     assert f"{channels} channel" in child.stdout and "loudest frame -9.0 dB" in child.stdout
-    assert child.stdout.count("agrees with") == 6
-    assert (tmp_path / "out" / "spectrogram.png").read_bytes().startswith(b"\x89PNG")
+    assert child.stdout.count("agrees with") == 9
+    for picture in "spectrogram.png", "constant-q.png":
+        assert (tmp_path / "out" / picture).read_bytes().startswith(b"\x89PNG")
     rate, played = wavfile.read(tmp_path / "out" / "round-trip.wav")
     assert rate == 8000
     exact = scaled / 2.0 ** (8 * width - 1)
@@ -44,13 +45,13 @@ def test_fits_the_frame_to_rate_and_length(run_demo, tmp_path, rate, samples, fr
     for signal in noise, np.zeros_like(noise):
         wavfile.write(tmp_path / "short.wav", rate, signal)
         child = run_demo(tmp_path / "short.wav")
-        assert frames in child.stdout and child.stdout.count("agrees with") == 6
+        assert frames in child.stdout and child.stdout.count("agrees with") == 9
     assert "silence" in child.stdout and "the recording to the last bit" in child.stdout
 
 
 @pytest.mark.parametrize("operation, checks", [
     ("rms", ["RMS"]), ("stft", ["STFT", "round trip"]), ("mel", ["mel in dB"]), ("istft", ["round trip"]),
-    ("cepstra", ["MFCC"]), ("onset_strength", ["onset"])])
+    ("cepstra", ["MFCC"]), ("onset_strength", ["onset"]), ("cqt", ["CQT"]), ("chroma", ["chroma"])])
 def test_fails_when_an_operation_is_wrong(run_python, tmp_path, operation, checks):
     wavfile.write(tmp_path / "noise.wav", 8000, np.random.default_rng(0).uniform(-1, 1, 3000).astype(np.float32))
     child = run_python(f"""
