@@ -32,16 +32,16 @@ def draw_level(axis, plan):
     at = np.arange(responses.shape[1]) / (16 * n_fft) / 2
     for response in responses[::-3]:
         axis.plot(at, decibels(response), color=FILTER, linewidth=0.9)
-    axis.plot([], [], color=FILTER, linewidth=0.9, label="filters of the octave, every third")
-    axis.plot(share, passes, color=INK, linewidth=1.6, label="what the decimator passes")
+    axis.plot([], [], color=FILTER, linewidth=0.9, label="every third filter")
+    axis.plot(share, passes, color=INK, linewidth=1.6, label="decimator")
     axis.plot(0.5 - share[share >= 0.25], passes[share >= 0.25], color=FOLDED, linewidth=1.6,
-              label="of what folds back from above 0.25")
+              label="what folds back")
     axis.set_xlim(0, 0.5)
     axis.set_ylim(-120, 8)
     axis.grid(color=GRID, linewidth=0.8)
     axis.set_xlabel(f"frequency over the rate before the decimator, {before:g} Hz")
     axis.set_ylabel("gain in dB")
-    axis.legend(loc="upper right", frameon=False, labelcolor=INK, fontsize=9)
+    axis.legend(loc="upper right", bbox_to_anchor=(1, 0.9), frameon=False, labelcolor=INK, fontsize=9)
     highest = plan.frequencies[first + len(basis) - 1]
     head(axis, f"Half-band filter, and the octave up to {highest:.0f} Hz behind it")
 

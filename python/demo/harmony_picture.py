@@ -9,7 +9,7 @@ import matplotlib.pyplot as plt
 import numpy as np
 from chords import NOTES
 from harmony import BINS_PER_OCTAVE
-from picture import COLOURS, INK, MUTED, bar, head, show, style
+from picture import COLOURS, bar, head, show, style
 
 LEVEL_RANGE = 70  # dB from the brightest to the darkest colour
 
@@ -31,10 +31,7 @@ def draw(panels, path: Path) -> Path:
     axes[0, 0].set_ylabel("frequency in Hz")
     axes[1, 0].set_ylabel("pitch class")
     bar(figure, image, axes[0])
-    scale = figure.colorbar(classes, ax=axes[1], aspect=22, pad=0.012, fraction=0.03)
-    scale.set_label("strength\n(loudest class = 1)", color=INK, fontsize=10)
-    scale.outline.set_visible(False)
-    scale.ax.tick_params(colors=MUTED, labelcolor=INK, labelsize=9.5)
+    bar(figure, classes, axes[1], "strength\n(loudest class = 1)", extend="neither", aspect=22)
     path.parent.mkdir(parents=True, exist_ok=True)
     figure.savefig(path, dpi=120, metadata={"Software": None})
     plt.close(figure)
