@@ -114,9 +114,9 @@ def test_frame_counts_around_a_block(n_fft, prec):
     """Every core, at counts of frames that fill the last block or do not."""
     rng = np.random.default_rng(n_fft)
     rows = min(max(8192 // n_fft, 2), 30)  # more than the threads of a frame where these are few
-    y = signal(rng, 2, 2 * n_fft + 101, prec)
+    y = signal(rng, 2, 2 * n_fft + 102, prec)
     for frames in (1, 2, 3, 4, 5, 8, 9, 15) if n_fft <= 4096 else (3,):
-        octaves = [(0, 7, n_fft, 0, *basis(rng, rows, n_fft))]
+        octaves = [(0, max(n_fft // 8, 7), n_fft, 0, *basis(rng, rows, n_fft))]
         plan = Plan(1, octaves, half_band(), new_key(), rows, frames)
         with Device() as device:
             got = resident(device, y, plan, "complex", prec)
