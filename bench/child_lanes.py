@@ -1,5 +1,5 @@
 # One part of the lanes' benchmark, in a process of its own because the CPU device reads its settings once:
-# `time`, `results` or `compile`, what of, and what that part needs. It says a line of JSON.
+# `time transforms`, `time music`, `run`, `results` or `compile`, and what that part needs. It says a line of JSON.
 import functools
 import json
 import sys
@@ -34,6 +34,7 @@ def main() -> None:
     parts = {
         "time transforms": time_transforms,
         "time music": time_music,
+        "run": run_once,
         "results": save_results,
         "compile": time_compiles,
     }
@@ -78,6 +79,13 @@ def speeds_of(timed: list[contenders.Contender], rounds: int) -> dict:
     own = taken.pop("kevra")
     seconds = float(np.median([seconds for seconds, _ in own]))
     return {"seconds": seconds, "against": {peer: comparison.ratio(times, own) for peer, times in taken.items()}}
+
+
+def run_once() -> None:
+    """Everything that is timed, for what the device tells of it."""
+    hip = harness.Hip()
+    for case in [*transforms(ROWS), *music(SECONDS)]:
+        result_of(hip, case, cases.make_input(case))
 
 
 def save_results(folder: str) -> dict:

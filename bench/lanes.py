@@ -27,15 +27,16 @@ def main() -> int:
     chosen = harness.options(__doc__.splitlines()[0], rounds=9, compiles=3)
     harness.cpu_device_only(chosen, "Lanes are the CPU device's")
     with harness.cache_folder():
-        transforms, reports = child("time transforms", chosen.rounds, KEVRA_CPU_THREADS=1, KEVRA_DEBUG=1)
-        music, more = child("time music", chosen.rounds, KEVRA_CPU_THREADS=os.cpu_count(), KEVRA_DEBUG=1)
+        transforms, _ = child("time transforms", chosen.rounds, KEVRA_CPU_THREADS=1)
+        music, _ = child("time music", chosen.rounds, KEVRA_CPU_THREADS=os.cpu_count())
+        _, reports = child("run", KEVRA_DEBUG=1)
         apart = rounding()
     notes = dict(music["absent"])
     for name, speed in {**transforms["speeds"], **music["speeds"]}.items():
         notes[NAMES.get(name, name)] = f"{speed['seconds'] * 1e3:.4g} ms median"
     figures = [speed_figure(name, speed) for name, speed in transforms["speeds"].items()]
     figures += [figure for name, speed in music["speeds"].items() for figure in music_figures(name, speed)]
-    figures.append(parting_figure(reports + more))
+    figures.append(parting_figure(reports))
     figures += [harness.Figure(f"{name}, with lanes against without", off, "eps", 4) for name, off in apart.items()]
     figures.append(compile_figure(chosen.compiles, notes))
     measured = f"{chosen.rounds} rounds, of long calls fewer, alternating; ratios within a round, their median"
@@ -65,7 +66,7 @@ def music_figures(name: str, speed: dict) -> list[harness.Figure]:
 
 
 def parting_figure(reports: str) -> harness.Figure:
-    """The worst kernel's share of the timed runs; one that has to wait and has no lane form counts as all of them."""
+    """The worst kernel's share of such calls as are timed; one that has to wait and has no lane form counts as all of them."""
     fates = [(int(groups), int(diverged)) for groups, diverged in FATE.findall(reports)]
     shares = [100 * diverged / groups for groups, diverged in fates if groups != 0]
     shares += [100.0] * reports.count("not in lanes: ")

@@ -3,8 +3,9 @@
 namespace kevra_cpu {
 
 LaneTypes::LaneTypes(const KernelText& text) : text_(text) {
-  types_ = {"float", "double", "int",  "unsigned", "signed", "long",   "short",
-            "char",  "bool",   "half", "__half",   "half2",  "__half2"};
+  types_ = {"float", "double", "half", "__half", "half2", "__half2"};
+  whole_ = {"int", "unsigned", "signed", "long", "short", "char", "bool"};
+  types_.insert(whole_.begin(), whole_.end());
   for (const char* name : {"float2", "float3", "float4", "double2", "double3", "double4", "int2",
                            "int3", "int4", "uint2", "uint3", "uint4", "longlong2", "ulonglong2"})
     types_.insert(name);
@@ -13,8 +14,11 @@ LaneTypes::LaneTypes(const KernelText& text) : text_(text) {
     if (text.token(i).in_directive) {
       if (text.is(i, "#") && text.is(i + 1, "define")) define(i);
     } else if (text.is(i, "typedef")) {
+      const size_t type = i + 1;
       while (i + 1 < text.size() && !text.is(i + 1, ";")) ++i;
-      if (text.is_word(i)) types_.insert(text.token(i).text);
+      if (!text.is_word(i)) continue;
+      types_.insert(text.token(i).text);
+      if (is_whole(type, i)) whole_.insert(text.token(i).text);
     }
   }
 }
@@ -35,6 +39,12 @@ void LaneTypes::define(size_t hash) {
 
 bool LaneTypes::is_type(size_t i) const {
   return text_.is_word(i) && types_.count(text_.token(i).text) != 0;
+}
+
+bool LaneTypes::is_whole(size_t begin, size_t end) const {
+  for (size_t i = begin; i < end; ++i)
+    if (!is_qualifier(i) && whole_.count(text_.token(i).text) == 0) return false;
+  return true;
 }
 
 bool LaneTypes::is_qualifier(size_t i) const {

@@ -14,6 +14,8 @@ class LaneTypes {
   explicit LaneTypes(const KernelText& text);
 
   bool is_type(size_t i) const;
+  // Whether the type from `begin` up to `end` is one of whole numbers.
+  bool is_whole(size_t begin, size_t end) const;
   // A word that may stand before or behind a type and changes nothing here.
   bool is_qualifier(size_t i) const;
 
@@ -34,7 +36,7 @@ class LaneTypes {
   size_t prefixes_end(size_t i) const;
 
   const KernelText& text_;
-  std::set<std::string_view> types_, qualifiers_;
+  std::set<std::string_view> types_, whole_, qualifiers_;
 };
 
 }  // namespace kevra_cpu

@@ -1,12 +1,14 @@
 #include "compiler/rewrite_lanes.h"
 
 #include <algorithm>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include "compiler/kernel_text.h"
+#include "compiler/lane_cells.h"
 #include "compiler/lane_types.h"
 
 namespace kevra_cpu {
@@ -68,7 +70,7 @@ class LaneRewriter {
     for (size_t i = 0; i < text_.size(); ++i) {
       const std::string_view word = text_.token(i).text;
       if (!text_.is_word(i)) continue;
-      if (word.starts_with("atomic") || word == "__shfl_xor" || word == "template" ||
+      if ((word.starts_with("atomic") && word != "atomicAdd") || word == "template" ||
           (word == "include" && text_.is(i - 1, "#")))
         return "its text has '" + std::string(word) + "'";
     }
@@ -88,9 +90,12 @@ class LaneRewriter {
     }
     text_.insert_behind(place.body, wrapped);
     statics_end_ = "0";
-    in_kernel_ = true;
+    cells_.emplace(text_, place.body + 1, place.end);
     body(place.body + 1, place.end, {});
-    text_.insert_behind(place.end, " KEVRA_CPU_LANE_KERNEL(" + name + ");");
+    const std::string cells = std::to_string(cells_->place(text_, wide()));
+    cells_.reset();
+    text_.insert_behind(place.body, " constexpr unsigned kevra_cells = " + cells + ";");
+    text_.insert_behind(place.end, " KEVRA_CPU_LANE_KERNEL(" + name + ", " + cells + ");");
   }
 
   // The names of a parameter list, each the last word before a comma or the end.
@@ -119,7 +124,6 @@ class LaneRewriter {
     const std::string result = nothing ? std::string() : text_.words(type, name);
     text_.replace(at, name - 1, "static inline auto");
     text_.insert_behind(close + 1, wrap_parameters(open, close));
-    in_kernel_ = false;
     body(close + 2, end, result);
     return end;
   }
@@ -166,7 +170,7 @@ class LaneRewriter {
   }
 
   void returned(size_t at, const std::string& result) {
-    if (in_kernel_) return text_.replace(at, at, "co_return");
+    if (cells_) return text_.replace(at, at, "co_return");
     size_t last = at;
     while (last + 1 < body_end_ && !text_.is(last + 1, ";")) ++last;
     if (last == at || result.empty()) return;
@@ -225,6 +229,8 @@ class LaneRewriter {
     text_.replace(at, first - 1, head(all[0], type));
     for (size_t i = 0; i < all.size(); ++i) {
       initialiser(all[i], type);
+      if (cells_ && first == stars && !all[i].array && !types_.is_whole(at, stars))
+        cells_->declared(all[i].name, all[i].equals != 0);
       if (i + 1 == all.size()) break;
       if (!in_for(at))
         text_.replace(all[i].last + 1, all[i].last + 1, "; " + head(all[i + 1], type));
@@ -328,9 +334,9 @@ class LaneRewriter {
   KernelText text_;
   LaneTypes types_;
   size_t body_begin_ = 0, body_end_ = 0;
-  bool in_kernel_ = false;
-  size_t cast_close_ = 0;                         // of the cast that was met last
-  std::string statics_end_;                       // bytes of static shared memory that are taken
+  std::optional<LaneCells> cells_;  // of the kernel whose body it is, none in device functions
+  size_t cast_close_ = 0;           // of the cast that was met last
+  std::string statics_end_;         // bytes of static shared memory that are taken
   std::set<std::string_view> changes_arguments_;  // device functions with reference parameters
 };
 

@@ -21,7 +21,9 @@ namespace {
 
 // Between dynamic and static shared memory, so that an overrun does not end in the other.
 constexpr size_t shared_gap = 4096;
-constexpr size_t alignment = 128;          // of shared memory and of the first frame
+constexpr size_t alignment = 128;  // of shared memory and of the first frame
+constexpr size_t shuffle_room =    // of one round
+    max_threads * kevra_cpu_device::max_lanes * kevra_cpu_device::shuffle_bytes;
 constexpr size_t chunk_bytes = 256 << 10;  // frames of a 1024-thread block, a few words each
 
 Index3 as_index(Dim3 d) {
@@ -36,12 +38,14 @@ char* aligned(void* p) {
 }  // namespace
 
 BlockRunner::BlockRunner()
-    : places_(max_threads), frames_(max_threads), shuffled_(2 * max_threads) {
+    : places_(max_threads),
+      frames_(max_threads),
+      shuffled_(std::make_unique_for_overwrite<char[]>(2 * shuffle_room)) {
   block_.places = places_.data();
   block_.frames = frames_.data();
   block_.more_frames = more_frames;
-  block_.shuffled[0] = shuffled_.data();
-  block_.shuffled[1] = shuffled_.data() + max_threads;
+  block_.shuffled[0] = shuffled_.get();
+  block_.shuffled[1] = shuffled_.get() + shuffle_room;
 }
 
 BlockRunner& BlockRunner::of_this_thread() {
@@ -51,7 +55,7 @@ BlockRunner& BlockRunner::of_this_thread() {
 
 bool BlockRunner::run(const Launch& launch, Dim3 index, std::string& report,
                       BlockObserver* observer) {
-  prepare(launch, index, launch.kernel->entry().start, 1);
+  prepare(launch, index, launch.kernel->entry().start, 1, 0);
   observer_ = observer;
   if (observer_ != nullptr) observer_->begin_block(block_, threads_);
   start_threads();
@@ -63,15 +67,23 @@ bool BlockRunner::run(const Launch& launch, Dim3 index, std::string& report,
 // Coroutine frames own nothing, so a group that diverges in the middle of one simply leaves it.
 GroupEnd BlockRunner::run_group(const Launch& launch, Dim3 first, std::string& report) {
   const auto& entry = *launch.kernel->lane_entry();
-  prepare(launch, first, entry.start, entry.lanes);
+  prepare(launch, first, entry.start, entry.lanes, entry.cell_bytes);
   observer_ = nullptr;
   store_log_.clear();
+  additions_.clear();
   if (setjmp(way_out_) != 0) {
     store_log_.undo();
     return GroupEnd::diverged;
   }
   start_threads();
-  return finish_threads(report) ? GroupEnd::done : GroupEnd::failed;
+  if (!finish_threads(report)) return GroupEnd::failed;
+  additions_.make();
+  return GroupEnd::done;
+}
+
+PendingAdditions& BlockRunner::additions() {
+  __atomic_store_n(&launch_->kernel->object().lane_hooks()->adds, 1, __ATOMIC_RELAXED);
+  return additions_;
 }
 
 void BlockRunner::need_log() {
@@ -86,17 +98,18 @@ bool BlockRunner::owns(uintptr_t address, size_t bytes) const {
   };
   for (const Chunk& chunk : chunks_)
     if (within(chunk.memory.get(), chunk.bytes)) return true;
-  return within(&block_, sizeof block_) ||
-         within(shuffled_.data(), shuffled_.size() * sizeof shuffled_[0]);
+  return within(&block_, sizeof block_) || within(shuffled_.get(), 2 * shuffle_room);
 }
 
-void BlockRunner::prepare(const Launch& launch, Dim3 index, Start start, unsigned lanes) {
+void BlockRunner::prepare(const Launch& launch, Dim3 index, Start start, unsigned lanes,
+                          size_t cell_bytes) {
   launch_ = &launch;
   start_ = start;
   lanes_ = lanes;
   threads_ = static_cast<unsigned>(count_of(launch.block));
   const size_t shared_bytes = lanes * launch.shared_bytes + shared_gap;
-  const size_t room = shared_bytes + lanes * kevra_cpu_device::static_shared_bytes + 2 * alignment;
+  const size_t static_bytes = lanes * kevra_cpu_device::static_shared_bytes + shared_gap;
+  const size_t room = shared_bytes + static_bytes + threads_ * cell_bytes + 3 * alignment;
   if (shared_room_ < room) {
     shared_ = std::make_unique_for_overwrite<std::byte[]>(room);
     shared_room_ = room;
@@ -106,6 +119,7 @@ void BlockRunner::prepare(const Launch& launch, Dim3 index, Start start, unsigne
   block_.grid = as_index(launch.grid);
   block_.shared = aligned(shared_.get());
   block_.static_shared = aligned(block_.shared + shared_bytes);
+  block_.cells = aligned(block_.static_shared + static_bytes);
   block_.arguments = reinterpret_cast<const char*>(launch.arguments.data());
   block_.frames_next = block_.frames_end = nullptr;
   block_.shuffle_round = 0;

@@ -11,6 +11,7 @@
 #include "compiler/device/block.h"
 #include "kernel/block_observer.h"
 #include "kernel/launch.h"
+#include "kernel/pending_additions.h"
 #include "kernel/store_log.h"
 
 namespace kevra_cpu {
@@ -37,6 +38,7 @@ class BlockRunner {
   [[noreturn]] void diverge() { std::longjmp(way_out_, 1); }
   [[noreturn]] void need_log();
   StoreLog& store_log() { return store_log_; }
+  PendingAdditions& additions();
   unsigned lanes() const { return lanes_; }
 
   // Whether the bytes are the runner's own, among them the frames of the block's threads.
@@ -55,7 +57,7 @@ class BlockRunner {
   using Start = void (*)(kevra_cpu_device::Block* block, kevra_cpu_device::Index3 first,
                          unsigned count);
 
-  void prepare(const Launch& launch, Dim3 index, Start start, unsigned lanes);
+  void prepare(const Launch& launch, Dim3 index, Start start, unsigned lanes, size_t cell_bytes);
   void start_threads();
   void start_thread(unsigned thread);
   bool finish_threads(std::string& report);
@@ -79,14 +81,15 @@ class BlockRunner {
 
   std::jmp_buf way_out_;
   StoreLog store_log_;
+  PendingAdditions additions_;
 
-  std::unique_ptr<std::byte[]> shared_;
+  std::unique_ptr<std::byte[]> shared_;  // and cells behind it
   size_t shared_room_ = 0;
   std::vector<Chunk> chunks_;
   size_t chunks_used_ = 0;
   std::vector<Place> places_;
   std::vector<void*> frames_;
-  std::vector<unsigned long long> shuffled_;
+  std::unique_ptr<char[]> shuffled_;
 };
 
 }  // namespace kevra_cpu

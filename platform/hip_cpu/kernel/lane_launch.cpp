@@ -43,7 +43,15 @@ void save_rows(void* first, long long step, unsigned bytes) {
 }  // namespace
 
 kevra_cpu_device::LaneHooks lane_hooks() {
-  return {0, save_rows, [] { BlockRunner::of_this_thread().diverge(); },
+  const auto add = [](void (*make)(void*, long long, const void*), void* first, long long step,
+                      const void* values, unsigned bytes) {
+    BlockRunner::of_this_thread().additions().note(make, first, step, values, bytes);
+  };
+  return {0,
+          save_rows,
+          add,
+          0,
+          [] { BlockRunner::of_this_thread().diverge(); },
           [] { BlockRunner::of_this_thread().need_log(); }};
 }
 

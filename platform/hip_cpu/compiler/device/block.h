@@ -29,12 +29,15 @@ constexpr unsigned place_line(Place place) {
 
 constexpr unsigned max_threads = 1024;  // of a block
 constexpr unsigned group_threads = 32;  // that exchange values by shuffles
+constexpr unsigned max_lanes = 16;
+constexpr unsigned shuffle_bytes = 8;  // that a thread's shuffle moves at most
 constexpr unsigned static_shared_bytes = 65536;
 
 struct Block {
   Index3 index, size, grid;
   char* shared;  // the block's dynamic shared memory
   char* static_shared;
+  char* cells;            // by thread number: values of lane code that wait at a barrier
   const char* arguments;  // packed as the kernel's entry says
   Place place;            // where the thread that ran last waits
   Place* places;          // by thread number
@@ -42,8 +45,8 @@ struct Block {
   char* frames_next;      // room for the frames still to come
   char* frames_end;
   char* (*more_frames)(Block* block, unsigned long bytes);  // called when that room is spent
-  unsigned shuffle_round;           // one more at every exchange; values live for one round
-  unsigned long long* shuffled[2];  // by thread number; odd and even rounds
+  unsigned shuffle_round;  // one more at every exchange; values live for one round
+  char* shuffled[2];       // by thread number, shuffle_bytes for each lane; odd and even rounds
 };
 
 struct Argument {
@@ -65,6 +68,7 @@ struct KernelEntry {
 struct LaneEntry {
   const char* name;
   unsigned lanes;
+  unsigned cell_bytes;  // of a thread
   // Per argument: 'v' a value, 'i' a pointer that is only read through, 'o' another pointer.
   const char* kinds;
   void (*start)(Block* block, Index3 first, unsigned count);
@@ -77,6 +81,10 @@ struct LaneHooks {
   int log;
   // `lanes` pieces of `bytes`, `step` bytes apart, are about to be overwritten.
   void (*save)(void* first, long long step, unsigned bytes);
+  // Notes `make` for the end of the group, with what it is to be called with.
+  void (*add)(void (*make)(void* first, long long step, const void* values), void* first,
+              long long step, const void* values, unsigned bytes);
+  int adds;  // 1 once a group has noted additions
   // A condition differs among the lanes. Does not return.
   void (*diverge)();
   // The kernel reads what it may have written, and no log is kept. Does not return.

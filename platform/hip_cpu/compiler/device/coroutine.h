@@ -4,6 +4,15 @@
 
 #include "compiler/device/block.h"
 
+// Neighbouring blocks that run together.
+#ifndef KEVRA_CPU_LANE_CODE
+#define KEVRA_CPU_LANES 1
+#elif defined(KEVRA_CPU_MANY_LANES) && defined(__AVX512F__)
+#define KEVRA_CPU_LANES 16
+#else
+#define KEVRA_CPU_LANES 8
+#endif
+
 namespace std {
 
 template <typename Result, typename...>
@@ -37,6 +46,23 @@ namespace kevra_cpu_device {
 // What a kernel knows of the thread that runs it. By value, so that only the members that a
 // kernel uses behind a barrier stay in its frame.
 struct Thread {
+  Thread(Block* block, unsigned number, const Index3& index)
+      : block(block),
+        number(number),
+        thread_index(index),
+        block_index(block->index),
+        block_size(block->size),
+        grid_size(block->grid) {}
+  // Number by number: a copy in one register would wait for those that were written just before to
+  // reach the cache, a tenth of the time of short transforms.
+  Thread(const Thread& other)
+      : block(other.block),
+        number(other.number),
+        thread_index{other.thread_index.x, other.thread_index.y, other.thread_index.z},
+        block_index{other.block_index.x, other.block_index.y, other.block_index.z},
+        block_size{other.block_size.x, other.block_size.y, other.block_size.z},
+        grid_size{other.grid_size.x, other.grid_size.y, other.grid_size.z} {}
+
   Block* block;
   unsigned number;
   Index3 thread_index, block_index, block_size, grid_size;
@@ -97,7 +123,8 @@ struct Barrier {
 // partner outside the segment of `width` threads, or outside the block, is the thread itself.
 template <typename Value>
 struct ShuffleXor {
-  static_assert(sizeof(Value) <= sizeof(unsigned long long), "a shuffle moves at most 8 bytes");
+  static constexpr unsigned room = KEVRA_CPU_LANES * shuffle_bytes;
+  static_assert(sizeof(Value) <= room, "a shuffle moves at most 8 bytes");
   Block* block;
   Place place;
   Value value;
@@ -105,12 +132,13 @@ struct ShuffleXor {
 
   bool await_ready() const noexcept { return false; }
   void await_suspend(Task::Handle) const noexcept {
-    __builtin_memcpy(&block->shuffled[block->shuffle_round & 1][number], &value, sizeof value);
+    __builtin_memcpy(block->shuffled[block->shuffle_round & 1] + number * room, &value,
+                     sizeof value);
     block->place = place;
   }
   Value await_resume() const noexcept {
     Value other;
-    __builtin_memcpy(&other, &block->shuffled[(block->shuffle_round - 1) & 1][partner],
+    __builtin_memcpy(&other, block->shuffled[(block->shuffle_round - 1) & 1] + partner * room,
                      sizeof other);
     return other;
   }

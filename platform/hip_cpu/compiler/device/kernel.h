@@ -19,7 +19,6 @@
 
 #define threadIdx (kevra_thread.thread_index)
 #ifndef KEVRA_CPU_LANE_CODE
-#define KEVRA_CPU_LANES 1
 #define blockIdx (kevra_thread.block_index)
 #endif
 #define blockDim (kevra_thread.block_size)
@@ -68,7 +67,7 @@ struct Starter<kernel, Result (*)(Thread, Types...)> {
                                                                            unsigned count,
                                                                            Types... arguments) {
     const unsigned number = (first.z * block->size.y + first.y) * block->size.x + first.x;
-    Thread thread{block, number, first, block->index, block->size, block->grid};
+    Thread thread(block, number, first);
     for (unsigned i = 0; i < count; ++i) {
       thread.thread_index.x = first.x + i;
       thread.number = number + i;

@@ -3,24 +3,24 @@
 // of equal distance, one a lane, whose elements are transposed in registers on their way.
 #pragma once
 
+#include "compiler/device/lane_save.h"
 #include "compiler/device/lane_transpose.h"
 
 #ifdef KEVRA_CPU_LANE_CODE
 
 namespace kevra_cpu_device {
 
-// Whether a store is to be noted before it happens.
-static inline bool logging() {
-  return __builtin_expect(__atomic_load_n(&kevra_lane_hooks.log, __ATOMIC_RELAXED), 0) != 0;
-}
-
 // The kernel reads through a pointer that it may have written through, so a group that ran twice
 // would read its own results.
 static inline void note_reading() {
+  if (__atomic_load_n(&kevra_lane_hooks.adds, __ATOMIC_RELAXED) != 0) diverge();
   if (logging()) return;
   kevra_lane_hooks.need_log();
   __builtin_unreachable();
 }
+
+template <typename T>
+struct RowPointer;
 
 // An element of the group's rows that can be stored to.
 template <typename T>
@@ -30,7 +30,7 @@ struct RowElement {
 
   template <typename U>
   void operator=(const U& x) const {
-    if (logging()) kevra_lane_hooks.save(first, step, sizeof(T));
+    note_store(first, step, sizeof(T));
     store_rows<T>(first, step, Lanes<T>(LaneCast<T>::of(x)));
   }
   void operator=(const RowElement& other) const { *this = Lanes<T>(other); }
@@ -42,6 +42,7 @@ struct RowElement {
     note_reading();
     return load_rows<T>(first, step);
   }
+  RowPointer<T> operator&() const { return {first, step}; }
 };
 
 template <Number T>
@@ -56,11 +57,11 @@ struct SharedElement {
   T* address;
 
   void operator=(const T& x) const {
-    if (logging()) kevra_lane_hooks.save(address, 0, sizeof(T));
+    note_store(address, 0, sizeof(T));
     *address = x;
   }
   void operator=(const Lanes<T>& x) const {
-    if (logging()) kevra_lane_hooks.save(address, 0, sizeof(T));
+    note_store(address, 0, sizeof(T));
     store_rows<T>(reinterpret_cast<char*>(address), 0, x);
   }
   void operator=(const SharedElement& other) const { *this = T(other); }
@@ -68,6 +69,7 @@ struct SharedElement {
     note_reading();
     return *address;
   }
+  RowPointer<T> operator&() const { return {reinterpret_cast<char*>(address), 0}; }
 };
 
 template <typename T>

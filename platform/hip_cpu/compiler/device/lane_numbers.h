@@ -7,12 +7,6 @@
 
 #ifdef KEVRA_CPU_LANE_CODE
 
-#if defined(KEVRA_CPU_MANY_LANES) && defined(__AVX512F__)
-#define KEVRA_CPU_LANES 16
-#else
-#define KEVRA_CPU_LANES 8
-#endif
-
 extern "C" {
 extern kevra_cpu_device::LaneHooks kevra_lane_hooks __attribute__((visibility("hidden")));
 }

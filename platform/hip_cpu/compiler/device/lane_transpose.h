@@ -191,26 +191,29 @@ struct Rows<__half2> {
   }
 };
 
-// The group that runs next on this core most likely reads the rows behind these. Its lines are
-// asked for now, each by one of the threads that share it: where in a line an element lies says
-// which lane's line its thread asks for. Rows of more bytes would drive out what this group needs.
-constexpr long long ahead_bytes = 1 << 16;
+// Lines that are needed soon, each asked for by one of the threads that share the line before it:
+// where in a line an element lies says which lane's line its thread asks for. Where the rows of a
+// group are short, those of the group that most likely runs next on this core are read ahead; the
+// processor sees no pattern in so many rows, and longer ones would drive out what this group needs.
+constexpr long long ahead_bytes = 1 << 16, line_bytes = 64;
 
-template <int bytes>
+template <int bytes, bool write>
 static inline void fetch_ahead(const char* first, long long step) {
-  const long long group = step * lanes, ahead = group > ahead_bytes ? 0 : group;
+  const long long group = step * lanes;
+  const long long ahead = write || group > ahead_bytes ? line_bytes : group;
   const auto in_line = reinterpret_cast<unsigned long long>(first) / 8;
   for (int i = 0; i < (bytes + 7) / 8; ++i)
-    __builtin_prefetch(first + ahead + (long long)((in_line + i) % lanes) * step, 0, 2);
+    __builtin_prefetch(first + ahead + (long long)((in_line + i) % lanes) * step, write, 2);
 }
 
 template <typename T>
 static inline Lanes<T> load_rows(const char* first, long long step) {
-  fetch_ahead<sizeof(T)>(first, step);
+  fetch_ahead<sizeof(T), false>(first, step);
   return Rows<T>::load(first, step);
 }
 template <typename T>
 static inline void store_rows(char* first, long long step, const Lanes<T>& x) {
+  fetch_ahead<sizeof(T), true>(first, step);
   Rows<T>::store(first, step, x);
 }
 
