@@ -1,5 +1,6 @@
-"""FFT, RMS, spectrograms, their features, constant-Q transforms and filters on the CPU device against scipy, numpy and,
-where installed, librosa, PyTorch, torchaudio and nnAudio.
+"""FFT, RMS, spectrograms, features, constant-Q transforms and filters on the CPU device, against other libraries.
+
+Peers are numpy, scipy and, where installed, librosa, PyTorch, torchaudio and nnAudio.
 
 The CPU device is a stand-in that runs GPU kernels on the processor: these figures tell what it costs to work without
 a GPU, and nothing about GPUs. `resident` works in device memory, `staged` takes and gives numpy arrays as its peers do.

@@ -1,7 +1,7 @@
 """Error of features and of operations on samples over random settings, and what repeated calls take from HIP.
 
-Float is held against float64, double against extended precision. Every call is made twice: the second one of a shape
-has to find all its memory in the pools.
+Float is held against float64, double against extended precision. Every call is made twice, on pools that are empty
+before: the second one has to find all its memory in them.
 """
 
 import math

@@ -1,5 +1,6 @@
-"""FFT, RMS, spectrograms, their features, constant-Q transforms and filters on a GPU against PyTorch, torchaudio,
-nnAudio and CuPy on the same GPU, where installed.
+"""FFT, RMS, spectrograms, features, constant-Q transforms and filters on a GPU, against other libraries.
+
+Peers are PyTorch, torchaudio, nnAudio and CuPy on the same GPU, where installed.
 
 Input and output lie in device memory, and events time what is queued. Measured is whatever HIP runtime is bound:
 the one that KEVRA_HIP_PATH names, else the CUDA device where there is an NVIDIA driver, else the system's HIP.

@@ -21,7 +21,7 @@ CONTRAST_BANDS, LOWEST_EDGE, QUANTILE = 6, 200.0, 0.02  # octaves above the lowe
 EPS = 1e-10
 ITERATIONS, MOMENTUM = 32, 0.99
 LONGEST_SEARCH = 10  # seconds that Griffin-Lim is given: its peers take some of them for one of sound
-# Relative L2. In cepstra of doubles the eps under the logarithm shows, where others take the larger of it and the power.
+# Relative L2. Cepstra of doubles show the eps under the logarithm, where others take the larger of it and the power.
 BOUND = {"float": 1e-5, "double": 1e-10}
 CONVERGENCE_BOUND = 0.01  # of the spectral convergence
 

@@ -53,7 +53,14 @@ Kernel make_basis(const Values& values) {
 Family lfilter_family() {
   std::vector<Parameter> parameters = filter;
   parameters.push_back({"threads", 256, 1, 256, "threads to a row, a power of two"});
-  return {"lfilter", "recursive filter over rows", parameters, make_scan, filters()};
+  std::vector<Values> samples;
+  for (const int threads : {64, 256}) {  // of many rows and of few
+    for (Values sample : filters()) {
+      sample["threads"] = threads;
+      samples.push_back(sample);
+    }
+  }
+  return {"lfilter", "recursive filter over rows", parameters, make_scan, samples};
 }
 
 Family lfilter_pack_family() {
