@@ -89,6 +89,8 @@ void check_shared(size_t bytes, int dev, const char* name);
 // How many of a kernel's blocks or groups of blocks run side by side; 0 when the platform does not
 // tell.
 int device_multiprocessors(int dev);
+// Threads that run in step.
+int device_wave_size(int dev);
 
 // The dialect that kernels of this platform are written in.
 const codegen::Backend& backend();

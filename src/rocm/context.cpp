@@ -103,6 +103,13 @@ int device_multiprocessors(int dev) {
   return err != 0 || count < 0 ? 0 : count;
 }
 
+int device_wave_size(int dev) {
+  constexpr int kWaveWhenUntold = 64;
+  int threads = 0;
+  const int err = hip_dl::api().DeviceGetAttribute(&threads, hip_dl::kAttributeWaveSize, dev);
+  return err != 0 || threads < 1 ? kWaveWhenUntold : threads;
+}
+
 void check_shared(size_t bytes, int dev, const char* name) {
   if (bytes > static_cast<size_t>(device_shared_limit(dev))) {
     throw std::invalid_argument(std::string(name) + " exceeds the device shared-memory limit");

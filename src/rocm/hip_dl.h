@@ -19,6 +19,7 @@ using program_t = void*;
 inline constexpr int kErrorOutOfMemory = 2;
 inline constexpr int kAttributeMultiprocessors = 63;
 inline constexpr int kAttributeSharedPerBlock = 74;
+inline constexpr int kAttributeWaveSize = 87;
 
 struct Table {
   int (*DeviceGetAttribute)(int* value, int attribute, int device);

@@ -54,7 +54,7 @@ Family lfilter_family() {
   std::vector<Parameter> parameters = filter;
   parameters.push_back({"threads", 256, 1, 256, "threads to a row, a power of two"});
   std::vector<Values> samples;
-  for (const int threads : {64, 256}) {  // of many rows and of few
+  for (const int threads : {32, 64, 256}) {  // of many rows, a wave each, and of few
     for (Values sample : filters()) {
       sample["threads"] = threads;
       samples.push_back(sample);
