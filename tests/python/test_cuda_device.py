@@ -77,7 +77,7 @@ def test_libraries_export_the_interface_and_nothing_else(folder):
 
 
 class TestCompiler:
-    PARTS = 4
+    PARTS = 16
 
     @pytest.mark.parametrize("part", range(PARTS))
     def test_every_kernel_compiles_without_a_warning(self, nvrtc, tmp_path, part):

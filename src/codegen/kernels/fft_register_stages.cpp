@@ -175,12 +175,15 @@ void map_register_threads(KernelWriter& w, const RegisterLayout& layout, int row
 void name_exchange_buffer(KernelWriter& w, const RegisterLayout& layout, const std::string& type,
                           int pitch) {
   w.stmt("TG $* v = shbuf + ($ / $) * $;", type, w.backend.thread_index(), layout.threads(), pitch);
-  if (layout.windows) w.stmt("int wb = tid * $;", layout.ept() + 1);
+  if (layout.windows && layout.exchanges()) w.stmt("int wb = tid * $;", layout.ept() + 1);
 }
 
 RegisterItems name_first_items(KernelWriter& w, const RegisterLayout& layout) {
-  const std::string j = w.fresh("j");
-  w.stmt("int $ = tid;", j);
+  std::string j = "tid";
+  if (layout.exchanges()) {
+    j = w.fresh("j");
+    w.stmt("int $ = tid;", j);
+  }
   Names u(layout.ept());
   for (std::string& name : u) name = w.fresh("u");
   return {{"0"}, {j}, {u}};

@@ -19,6 +19,7 @@ struct RegisterLayout {
   bool half_exchange = false;  // windows of halves under float arithmetic
 
   int ept() const { return radices.front(); }
+  bool exchanges() const { return radices.size() > 1; }
   int threads() const { return n / ept(); }
   // Elements of the buffer: components under windows, else complex values.
   int pitch() const { return windows ? threads() * (ept() + 1) + 32 : n + n / 16 + 1; }

@@ -145,7 +145,8 @@ std::string register_rfft_source(const RegisterRealFftKernel& k, const Backend& 
   register_twiddle_table(w, k.data.compute, k.data.n, "tw", k.radices);
   map_register_threads(w, row, k.transforms_per_block);
   name_real_rows(w, k.data);
-  name_exchange_buffer(w, row, scalar, k.pitch());
+  // The spectra of two rows are parted through the buffer, their values never.
+  if (!k.data.inverse || row.exchanges()) name_exchange_buffer(w, row, scalar, k.pitch());
 
   RegisterItems items = name_first_items(w, row);
   k.data.inverse ? load_spectra(w, k, items) : load_reals(w, k, items);
