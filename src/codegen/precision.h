@@ -15,4 +15,8 @@ constexpr int storage_precision(int prec) {
   return prec == kHalf ? kHalf : compute_precision(prec);
 }
 
+// Of the twin that computes in T.
+template <class T>
+inline constexpr int kPrecisionOf = sizeof(T) == 8 ? kDouble : kFloat;
+
 }  // namespace kevra::codegen

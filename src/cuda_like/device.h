@@ -99,6 +99,16 @@ const codegen::Backend& backend();
 // the text; `source` runs only when the key is new for this device in this process.
 kernel_t kernel_function(const std::string& key, int dev,
                          const std::function<std::string()>& source, const char* kernel_name);
+// The same for a record that makes its own key and text.
+template <class Kernel>
+kernel_t kernel_function(const Kernel& kernel, int dev) {
+  const auto source = [&kernel] { return kernel.source(backend()); };
+  if constexpr (requires { kernel.name(); }) {
+    return kernel_function(kernel.key(), dev, source, kernel.name());
+  } else {
+    return kernel_function(kernel.key(), dev, source, Kernel::kName);
+  }
+}
 
 // Queues one launch with grid (gx, gy) and one-dimensional blocks. `args` points to the arguments
 // in kernel order.

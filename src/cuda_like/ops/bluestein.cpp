@@ -5,6 +5,7 @@
 
 #include "cuda_like/ops/bluestein_route.h"
 #include "cuda_like/ops/bluestein_tables.h"
+#include "cuda_like/ops/chunks.h"
 #include "cuda_like/ops/fft_route.h"
 #include "cuda_like/ops/four_step.h"
 #include "cuda_like/ops/four_step_route.h"
@@ -115,19 +116,6 @@ void run_shared(const BluesteinPlan& plan, const BluesteinCall& call) {
                 call.stream);
 }
 
-devptr_t at_byte(devptr_t p, size_t offset) {
-  return static_cast<char*>(p) + offset;
-}
-
-// Rows stand in the grid's y extent, which ends at 65535: more rows take several launches.
-template <class Launch>
-void each_chunk(int64_t rows, Launch launch) {
-  constexpr int64_t kMostRows = 65535;
-  for (int64_t first = 0; first < rows; first += kMostRows) {
-    launch(static_cast<size_t>(first), static_cast<unsigned>(std::min(kMostRows, rows - first)));
-  }
-}
-
 // Bytes of one row of the transform's input and output.
 struct RowBytes {
   size_t in;
@@ -169,29 +157,29 @@ void run_global(const BluesteinPlan& plan, const BluesteinCall& call) {
     plan.sides.first != 0 ? four_step_transposed<T>(padded) : fft_dispatch<T>(padded);
   };
 
-  each_chunk(call.rows, [&](size_t first, unsigned count) {
-    devptr_t x = at_byte(call.x, first * bytes.in);
-    devptr_t to = at_byte(z.p, first * z_row);
+  in_chunks(call.rows, [&](int64_t first, int64_t count) {
+    devptr_t x = at(call.x, first, bytes.in);
+    devptr_t to = at(z.p, first, z_row);
     void* args[] = {&x, &to, &tables.chirp};
-    launch_kernel(plan.fn, blocks(plan.m), count, block, 0, args, BluesteinSteps::kPreName,
-                  call.stream);
+    launch_kernel(plan.fn, blocks(plan.m), static_cast<unsigned>(count), block, 0, args,
+                  BluesteinSteps::kPreName, call.stream);
   });
   transform(false);
-  each_chunk(call.rows, [&](size_t first, unsigned count) {
-    devptr_t at = at_byte(z.p, first * z_row);
-    void* args[] = {&at, &tables.filter};
-    launch_kernel(plan.multiply, blocks(plan.m), count, block, 0, args,
+  in_chunks(call.rows, [&](int64_t first, int64_t count) {
+    devptr_t product = at(z.p, first, z_row);
+    void* args[] = {&product, &tables.filter};
+    launch_kernel(plan.multiply, blocks(plan.m), static_cast<unsigned>(count), block, 0, args,
                   BluesteinSteps::kMultiplyName, call.stream);
   });
   transform(true);
-  each_chunk(call.rows, [&](size_t first, unsigned count) {
-    devptr_t from = at_byte(z.p, first * z_row);
-    devptr_t out = at_byte(call.out, first * bytes.out);
+  in_chunks(call.rows, [&](int64_t first, int64_t count) {
+    devptr_t from = at(z.p, first, z_row);
+    devptr_t out = at(call.out, first, bytes.out);
     T scale = static_cast<T>(plan.scale);
     void* args[] = {&from, &out, &tables.chirp, &scale};
     const int outputs = call.mode == BluesteinMode::kRealForward ? call.n / 2 + 1 : call.n;
-    launch_kernel(plan.post, blocks(outputs), count, block, 0, args, BluesteinSteps::kPostName,
-                  call.stream);
+    launch_kernel(plan.post, blocks(outputs), static_cast<unsigned>(count), block, 0, args,
+                  BluesteinSteps::kPostName, call.stream);
   });
 }
 

@@ -27,9 +27,6 @@ using codegen::CepstraPeakKernel;
 // or three with a thread to a value. A design figure: no GPU has timed the two beside each other.
 constexpr int64_t kFusedFrames = 24;
 
-template <class T>
-constexpr int kPrec = sizeof(T) == 8 ? codegen::kDouble : codegen::kFloat;
-
 struct FusedPlan {
   MelPlan bands;  // staged: the fused kernel fits no block
   devptr_t cosines = nullptr;
@@ -71,11 +68,12 @@ int64_t check_cepstra(const CepstraCall& call) {
 template <class T>
 FusedPlan build_fused(const CepstraCall& call, int64_t frames) {
   const MelCall& bands = call.bands;
-  const codegen::StftConfig config = mel_config(bands, {kPrec<T>, kPrec<T>}, frames, ShapeHint{},
-                                                static_cast<int>(call.options.n_out));
+  const codegen::StftConfig config =
+      mel_config(bands, {codegen::kPrecisionOf<T>, codegen::kPrecisionOf<T>}, frames, ShapeHint{},
+                 static_cast<int>(call.options.n_out));
   FusedPlan plan{.bands = build_mel_plan(bands, config)};
   if (!plan.bands.staged()) {
-    plan.cosines = cosine_table(cosines_of(call), kPrec<T> == codegen::kDouble);
+    plan.cosines = cosine_table(cosines_of(call), codegen::kPrecisionOf<T> == codegen::kDouble);
   }
   return plan;
 }
@@ -91,9 +89,10 @@ bool cepstra_fused(const CepstraCall& call, int64_t frames) {
   static thread_local PlanMap<FusedPlan> plans;
   const CosineMatrix cosines = cosines_of(call);
   // No hint steers the route: the plans are of every epoch.
-  const PlanKey key{key_of({mel_plan_shape(bands, {kPrec<T>, kPrec<T>}), uint64_t(cosines.n_out),
-                            std::bit_cast<uint64_t>(cosines.lifter)}),
-                    0};
+  const PlanKey key{
+      key_of({mel_plan_shape(bands, {codegen::kPrecisionOf<T>, codegen::kPrecisionOf<T>}),
+              uint64_t(cosines.n_out), std::bit_cast<uint64_t>(cosines.lifter)}),
+      0};
   auto it = plans.find(key);
   if (it == plans.end()) it = plans.emplace(key, build_fused<T>(call, frames)).first;
   const FusedPlan& plan = it->second;
@@ -104,7 +103,7 @@ bool cepstra_fused(const CepstraCall& call, int64_t frames) {
 
 template <class T>
 CepstraKernel cepstra_kernel(const CepstraCall& call) {
-  return {.prec = kPrec<T>,
+  return {.prec = codegen::kPrecisionOf<T>,
           .n_mels = static_cast<int>(call.bands.options.bank.n_mels),
           .n_out = static_cast<int>(call.options.n_out),
           .floored = call.options.top_db >= 0};
@@ -114,13 +113,10 @@ template <class T>
 GeneralPlan build_general(const CepstraCall& call) {
   const int device = call.bands.device;
   const CepstraKernel kernel = cepstra_kernel<T>(call);
-  const CepstraPeakKernel peaks{kPrec<T>};
-  const auto compiled = [device](const auto& k) {
-    return kernel_function(k.key(), device, [&k] { return k.source(backend()); }, k.kName);
-  };
-  return {.cosines = cosine_table(cosines_of(call), kPrec<T> == codegen::kDouble),
-          .cepstra = compiled(kernel),
-          .peaks = kernel.floored ? compiled(peaks) : nullptr};
+  const CepstraPeakKernel peaks{codegen::kPrecisionOf<T>};
+  return {.cosines = cosine_table(cosines_of(call), codegen::kPrecisionOf<T> == codegen::kDouble),
+          .cepstra = kernel_function(kernel, device),
+          .peaks = kernel.floored ? kernel_function(peaks, device) : nullptr};
 }
 
 template <class T>
@@ -145,7 +141,7 @@ void cepstra_from_db(devptr_t m, const CepstraCall& call, int64_t frames) {
   std::optional<DeviceBuffer> peaks;
   devptr_t peak = m;  // not read without a floor
   if (floored) {
-    const CepstraPeakKernel kernel{kPrec<T>};
+    const CepstraPeakKernel kernel{codegen::kPrecisionOf<T>};
     peak = peaks.emplace(static_cast<size_t>(bands.batch) * sizeof(T), bands.stream).p;
     void* args[] = {&m, &peak, &n};
     launch_kernel(plan.peaks, static_cast<unsigned>(bands.batch), 1, kernel.kBlock,

@@ -35,12 +35,11 @@ FoldPlan fold_plan(const CqtCall& call, const ChromaClasses& c, bool half) {
               uint64_t(c.classes.count), uint64_t(c.n_chroma), uint64_t(call.device), half}),
       0};
   if (const auto it = plans.find(key); it != plans.end()) return it->second;
-  const int compute = sizeof(T) == 8 ? codegen::kDouble : codegen::kFloat;
+  const int compute = codegen::kPrecisionOf<T>;
   const ChromaKernel kernel{compute, static_cast<int>(c.n_chroma), half ? codegen::kHalf : compute};
   FoldPlan plan;
   plan.classes = classes_table<T>(kOp, call.design, c.classes, c.n_chroma);
-  plan.fn = kernel_function(
-      kernel.key(), call.device, [&] { return kernel.source(backend()); }, kernel.kName);
+  plan.fn = kernel_function(kernel, call.device);
   plans.emplace(key, plan);
   return plan;
 }

@@ -15,8 +15,7 @@ void reduce(devptr_t m, devptr_t out, int64_t rows, int64_t n, const ContrastOpt
             int prec, int device, stream_t stream) {
   const int64_t pad = band_pad(contrast.bands);
   const ContrastKernel kernel = ContrastKernel::chosen(prec, pad, device_shared_limit(device));
-  const kernel_t fn = kernel_function(
-      kernel.key(), device, [kernel] { return kernel.source(backend()); }, kernel.name());
+  const kernel_t fn = kernel_function(kernel, device);
   const size_t shared = kernel.histogram ? kernel.kHistogramBytes : kernel.sort_bytes(pad);
   const size_t stored = prec == codegen::kHalf ? 2 : sizeof(T);
   int n_bands = static_cast<int>(contrast.bands.n_bands);

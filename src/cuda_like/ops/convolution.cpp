@@ -21,9 +21,6 @@ using codegen::ConvSliceKernel;
 
 constexpr unsigned kBlock = 256;
 
-template <class T>
-constexpr int kPrec = sizeof(T) == 8 ? codegen::kDouble : codegen::kFloat;
-
 void check_sizes(const char* op, const ConvolutionCall& call) {
   require_int32(op, "rows", call.rows, 0);
   require_at_least(op, "n", call.n, 1);
@@ -57,12 +54,6 @@ struct Queue {
   int device;
   stream_t stream;
 
-  template <class Kernel>
-  kernel_t compiled(const Kernel& kernel) const {
-    return kernel_function(
-        kernel.key(), device, [kernel] { return kernel.source(backend()); }, kernel.kName);
-  }
-
   // One thread to a value of `width` a row.
   void launch(kernel_t fn, int64_t width, int64_t rows, void** args, const char* name) const {
     launch_kernel(fn, static_cast<unsigned>((width + kBlock - 1) / kBlock),
@@ -74,7 +65,7 @@ struct Queue {
 template <class T>
 void pad(const Queue& queue, devptr_t x, devptr_t out, int64_t rows, int64_t n, int64_t plen) {
   const ConvPadKernel kernel{queue.prec};
-  const kernel_t fn = queue.compiled(kernel);
+  const kernel_t fn = kernel_function(kernel, queue.device);
   const size_t stored = queue.prec == codegen::kHalf ? 2 : sizeof(T);
   in_chunks(rows, [&](int64_t first, int64_t count) {
     char* from = at(x, first * n, stored);
@@ -88,7 +79,7 @@ void pad(const Queue& queue, devptr_t x, devptr_t out, int64_t rows, int64_t n, 
 template <class T>
 void multiply(const Queue& queue, devptr_t w, devptr_t z, int64_t rows, int64_t nb, bool share_w) {
   const ConvMultiplyKernel kernel{queue.prec};
-  const kernel_t fn = queue.compiled(kernel);
+  const kernel_t fn = kernel_function(kernel, queue.device);
   int w_stride = share_w ? 0 : 1;
   in_chunks(rows, [&](int64_t first, int64_t count) {
     char* factor = at(w, w_stride * first * nb, 2 * sizeof(T));
@@ -101,7 +92,7 @@ void multiply(const Queue& queue, devptr_t w, devptr_t z, int64_t rows, int64_t 
 template <class T>
 void slice(const Queue& queue, devptr_t x, int64_t nf, const ConvolutionCall& call) {
   const ConvSliceKernel kernel{queue.prec};
-  const kernel_t fn = queue.compiled(kernel);
+  const kernel_t fn = kernel_function(kernel, queue.device);
   const size_t stored = queue.prec == codegen::kHalf ? 2 : sizeof(T);
   int64_t start = call.start;
   int64_t outlen = call.outlen;
@@ -245,7 +236,7 @@ void conv_direct_resident(const ConvolutionCall& call, int prec, int device, str
   if (is_empty(call)) return;
   const Queue queue{prec, device, stream};
   const ConvDirectKernel kernel{prec};
-  const kernel_t fn = queue.compiled(kernel);
+  const kernel_t fn = kernel_function(kernel, queue.device);
   const int storage = codegen::storage_precision(prec);
   const size_t stored = storage == codegen::kHalf ? 2 : storage == codegen::kDouble ? 8 : 4;
   int64_t n = call.n;
@@ -268,7 +259,7 @@ PinnedArray<T> conv_fft_staged(const HostArray<T>& a, const HostArray<T>& b, int
   const ConvolutionCall shapes = shapes_of(a, b, start, outlen, kTransformTexts);
   check_transform("conv_fft", shapes, nf);
   return run_staged(a, b, shapes, [nf](const ConvolutionCall& call) {
-    conv_fft_resident(call, nf, kPrec<T>, 0, nullptr);
+    conv_fft_resident(call, nf, codegen::kPrecisionOf<T>, 0, nullptr);
   });
 }
 
@@ -279,7 +270,7 @@ PinnedArray<std::complex<T>> conv_cplx_staged(const HostArray<std::complex<T>>& 
   const ConvolutionCall shapes = shapes_of(a, b, start, outlen, kTransformTexts);
   check_transform("conv_cplx", shapes, nf);
   return run_staged(a, b, shapes, [nf](const ConvolutionCall& call) {
-    conv_cplx_resident(call, nf, kPrec<T>, 0, nullptr);
+    conv_cplx_resident(call, nf, codegen::kPrecisionOf<T>, 0, nullptr);
   });
 }
 
@@ -289,7 +280,7 @@ PinnedArray<T> conv_direct_staged(const HostArray<T>& a, const HostArray<T>& b, 
   const ConvolutionCall shapes = shapes_of(a, b, start, outlen, kDirectTexts);
   check_sizes("conv_direct", shapes);
   return run_staged(a, b, shapes, [](const ConvolutionCall& call) {
-    conv_direct_resident(call, kPrec<T>, 0, nullptr);
+    conv_direct_resident(call, codegen::kPrecisionOf<T>, 0, nullptr);
   });
 }
 

@@ -23,15 +23,12 @@ using codegen::CqtReduceKernel;
 using codegen::HalfBandKernel;
 
 template <class T>
-constexpr int kPrec = sizeof(T) == 8 ? codegen::kDouble : codegen::kFloat;
-
-template <class T>
 int input_precision(const CqtCall& call) {
-  return call.half_input ? codegen::kHalf : kPrec<T>;
+  return call.half_input ? codegen::kHalf : codegen::kPrecisionOf<T>;
 }
 template <class T>
 int output_precision(const CqtCall& call) {
-  return call.half_output ? codegen::kHalf : kPrec<T>;
+  return call.half_output ? codegen::kHalf : codegen::kPrecisionOf<T>;
 }
 
 template <class T>
@@ -44,7 +41,7 @@ PlanKey plan_key(const CqtCall& call) {
   const CqtDesign& d = call.design;
   const uint64_t flags = static_cast<uint64_t>(call.form) << 2 | (call.half_input ? 2u : 0u) |
                          (call.half_output ? 1u : 0u);
-  const uint64_t eps = call.form == codegen::kDecibelForm ? std::bit_cast<uint64_t>(call.eps) : 0;
+  const uint64_t eps = eps_word(call.form, call.eps);
   std::vector<uint64_t> words{flags,
                               eps,
                               uint64_t(call.device),
@@ -84,7 +81,7 @@ bool wants_two_stages(const CqtCall& call, const CqtOctave& octave) {
 
 template <class T>
 void plan_fused(const CqtCall& call, CqtStep& step) {
-  const codegen::StftRequest request{.prec = kPrec<T>,
+  const codegen::StftRequest request{.prec = codegen::kPrecisionOf<T>,
                                      .n_fft = step.octave.n_fft,
                                      .hop = step.octave.hop,
                                      .pad = 0,
@@ -97,8 +94,7 @@ void plan_fused(const CqtCall& call, CqtStep& step) {
   if (!kernel) return;
   check_shared(kernel->shared_bytes(), call.device, "cqt: n_fft");
   step.twiddles = frame_twiddles(kernel->config);
-  step.fused = kernel_function(
-      kernel->key(), call.device, [&] { return kernel->source(backend()); }, kernel->kName);
+  step.fused = kernel_function(*kernel, call.device);
   step.blocks = kernel->blocks(request.frames);
   step.block = static_cast<unsigned>(kernel->block());
   step.shared = kernel->shared_bytes();
@@ -114,30 +110,27 @@ CqtStep plan_step(const CqtCall& call, size_t index, const std::vector<int64_t>&
   return step;
 }
 
-template <class Kernel>
-kernel_t compiled(const Kernel& kernel, int device) {
-  return kernel_function(
-      kernel.key(), device, [&] { return kernel.source(backend()); }, kernel.kName);
-}
-
 // The kernels that the steps and the ladder have in common.
 template <class T>
 void plan_shared_kernels(const CqtCall& call, CqtPlan& plan) {
   const int input = input_precision<T>(call);
   const size_t levels = plan.lengths.size();
   if (levels > 1) {
-    plan.decimate_input = compiled(HalfBandKernel{kPrec<T>, input}, call.device);
+    plan.decimate_input =
+        kernel_function(HalfBandKernel{codegen::kPrecisionOf<T>, input}, call.device);
   }
   if (levels > 2) {
-    plan.decimate = compiled(HalfBandKernel{kPrec<T>, kPrec<T>}, call.device);
+    plan.decimate = kernel_function(
+        HalfBandKernel{codegen::kPrecisionOf<T>, codegen::kPrecisionOf<T>}, call.device);
   }
   if (call.half_input && plan.steps.front().octave.level == 0) {
-    plan.pad_input = compiled(CqtPadKernel{kPrec<T>, input}, call.device);
+    plan.pad_input = kernel_function(CqtPadKernel{codegen::kPrecisionOf<T>, input}, call.device);
   }
   const auto is_two_stage = [](const CqtStep& s) { return s.fused == nullptr; };
   if (std::any_of(plan.steps.begin(), plan.steps.end(), is_two_stage)) {
-    plan.reduce = compiled(
-        CqtReduceKernel{kPrec<T>, call.form, output_precision<T>(call), call.eps}, call.device);
+    plan.reduce = kernel_function(
+        CqtReduceKernel{codegen::kPrecisionOf<T>, call.form, output_precision<T>(call), call.eps},
+        call.device);
   }
 }
 

@@ -15,13 +15,9 @@ using codegen::DbKernel;
 constexpr int64_t kItemsOfALaunch = 65535;
 
 template <class T>
-constexpr int kPrec = sizeof(T) == 8 ? codegen::kDouble : codegen::kFloat;
-
-template <class T>
 void db(devptr_t s, devptr_t out, const Decibels& db, int device, stream_t stream) {
-  const DbKernel kernel{kPrec<T>};
-  const kernel_t fn = kernel_function(
-      kernel.key(), device, [kernel] { return kernel.source(backend()); }, kernel.kName);
+  const DbKernel kernel{codegen::kPrecisionOf<T>};
+  const kernel_t fn = kernel_function(kernel, device);
   T* from = static_cast<T*>(s);
   T* to = static_cast<T*>(out);
   int64_t n = db.n;
@@ -43,9 +39,8 @@ void db(devptr_t s, devptr_t out, const Decibels& db, int device, stream_t strea
 template <class T>
 void db_inv(devptr_t d, devptr_t out, int64_t total, double mul, double ref, int device,
             stream_t stream) {
-  const DbInverseKernel kernel{kPrec<T>};
-  const kernel_t fn = kernel_function(
-      kernel.key(), device, [kernel] { return kernel.source(backend()); }, kernel.kName);
+  const DbInverseKernel kernel{codegen::kPrecisionOf<T>};
+  const kernel_t fn = kernel_function(kernel, device);
   T mul_value = static_cast<T>(mul);
   T ref_value = static_cast<T>(ref);
   void* args[] = {&d, &out, &total, &mul_value, &ref_value};

@@ -52,8 +52,7 @@ void rms_resident(devptr_t x, devptr_t out, const RmsShape& shape, int prec, int
   select_device(device);
 
   const codegen::RmsKernel kernel{prec};
-  kernel_t fn = kernel_function(
-      kernel.key(), device, [kernel] { return kernel.source(backend()); }, kernel.kName);
+  kernel_t fn = kernel_function(kernel, device);
 
   int64_t length = shape.length;
   int64_t frames = shape.frames;
@@ -79,7 +78,7 @@ PinnedArray<T> rms_staged(const HostArray<T>& y, int64_t frame_length, int64_t h
   select_device(0);
   DeviceBuffer dx = upload_staged(y.data, (size_t)batch * samples);
   DeviceBuffer dy((size_t)batch * frames * sizeof(T), nullptr);
-  rms_resident(dx.p, dy.p, shape, sizeof(T) == 8 ? codegen::kDouble : codegen::kFloat, 0, nullptr);
+  rms_resident(dx.p, dy.p, shape, codegen::kPrecisionOf<T>, 0, nullptr);
 
   PinnedArray<T> out({batch, frames});
   KEVRA_CHECK(memcpyDtoH(out.mutable_data(), dy.p, (size_t)batch * frames * sizeof(T)));

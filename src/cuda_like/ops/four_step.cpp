@@ -9,6 +9,7 @@
 #include "codegen/precision.h"
 #include "codegen/sizes.h"
 #include "cuda_like/ops/bluestein.h"
+#include "cuda_like/ops/chunks.h"
 #include "cuda_like/ops/four_step_route.h"
 #include "cuda_like/ops/plan_map.h"
 #include "cuda_like/twiddles.h"
@@ -41,9 +42,6 @@ struct Chain {
 
   void add(const ChainStep& step) { steps[count++] = step; }
 };
-
-template <class T>
-constexpr int kCompute = sizeof(T) == 8 ? codegen::kDouble : codegen::kFloat;
 
 size_t row_bytes(int64_t values, int prec) {
   return static_cast<size_t>(values) * codegen::complex_bytes(prec);
@@ -130,7 +128,8 @@ Chain build_real(const RfftCall& call) {
   const int64_t limit = device_shared_limit(call.device);
   const bool wide = sizeof(T) == 8;
   const int m = call.n / 2;
-  const RealStep real{call.n, kCompute<T>, call.half ? codegen::kHalf : kCompute<T>};
+  const RealStep real{call.n, codegen::kPrecisionOf<T>,
+                      call.half ? codegen::kHalf : codegen::kPrecisionOf<T>};
   Chain chain;
   if (!call.inverse) {
     if (const auto route = route_four_step_real(m, wide, call.half, limit)) {
@@ -147,7 +146,7 @@ Chain build_real(const RfftCall& call) {
     chain.add(column_step(parts->first, call.device, kBetween, kBetween));
     chain.add(column_step(parts->second, call.device, kBetween, kOutput));
   }
-  chain.between_bytes = row_bytes(m, kCompute<T>);
+  chain.between_bytes = row_bytes(m, codegen::kPrecisionOf<T>);
   return chain;
 }
 
@@ -166,13 +165,12 @@ void run_chain(const Chain& chain, devptr_t x, devptr_t out, int64_t rows, strea
   std::optional<DeviceBuffer> between;
   if (chain.between_bytes != 0) between.emplace(rows * chain.between_bytes, stream);
   const devptr_t buffers[] = {x, between ? between->p : nullptr, out};
-  for (int64_t row = 0; row < rows; row += kFourStepRows) {
-    const int64_t count = std::min(rows - row, kFourStepRows);
+  in_chunks(rows, [&](int64_t row, int64_t count) {
     for (int i = 0; i < chain.count; ++i) {
       const ChainStep& step = chain.steps[i];
       launch(step, buffers[step.from], buffers[step.to], row, count, stream);
     }
-  }
+  });
 }
 
 // Large primes can leave a length without sides that fit, while the convolution's padded length

@@ -10,9 +10,6 @@
 
 namespace kevra::ops {
 
-// A grid's second dimension ends here, and a block row works on one row.
-inline constexpr int64_t kFourStepRows = 65535;
-
 struct FourStepShape {
   int n;  // complex values to a row
   bool wide;

@@ -1,5 +1,6 @@
 #include "cuda_like/ops/frames.h"
 
+#include <bit>
 #include <cmath>
 #include <limits>
 #include <sstream>
@@ -44,6 +45,10 @@ void check_eps(const char* op, int form, double eps) {
     throw std::invalid_argument(std::string(op) + ": eps is " + shown(eps) +
                                 ", must be finite and not below 0");
   }
+}
+
+uint64_t eps_word(int form, double eps) {
+  return form == codegen::kDecibelForm ? std::bit_cast<uint64_t>(eps) : 0;
 }
 
 std::string shown(double value) {

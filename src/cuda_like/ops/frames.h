@@ -23,6 +23,8 @@ void check_frame_batch(const char* op, const char* kernel, int64_t batch);
 // `eps` counts in the decibel form alone. Throws std::invalid_argument for one below 0 or not
 // finite.
 void check_eps(const char* op, int form, double eps);
+// What of `eps` tells two plans apart.
+uint64_t eps_word(int form, double eps);
 
 // A number for a message, without idle zeros.
 std::string shown(double value);

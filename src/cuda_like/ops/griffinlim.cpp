@@ -8,6 +8,7 @@
 
 #include "codegen/kernels/griffinlim.h"
 #include "codegen/precision.h"
+#include "cuda_like/ops/chunks.h"
 #include "cuda_like/ops/frames.h"
 #include "cuda_like/ops/guards.h"
 #include "cuda_like/ops/istft.h"
@@ -79,17 +80,10 @@ GriffinLimSizes checked_sizes(const GriffinLimCall& call) {
   return {inner, sizes.length};
 }
 
-template <class Kernel>
-kernel_t kernel_of(const Kernel& kernel, int device) {
-  return kernel_function(
-      kernel.key(), device, [kernel] { return kernel.source(backend()); }, Kernel::kName);
-}
-
 // Rows that one launch of every kernel on the way takes.
 int64_t rows_at_once(const GriffinLimCall& call) {
   constexpr int64_t kGrid = std::numeric_limits<int>::max();
-  constexpr int64_t kGridRows = 65535;
-  return std::min({call.batch, kGridRows, kGrid / call.frames,
+  return std::min({call.batch, kRowsOfALaunch, kGrid / call.frames,
                    kGrid * GriffinLimStep::kBlock / (call.frames * call.bins)});
 }
 
@@ -111,11 +105,9 @@ struct Scratch {
 
 template <class T>
 struct Kernels {
-  static constexpr int kPrec = sizeof(T) == 8 ? codegen::kDouble : codegen::kFloat;
-
   explicit Kernels(int device)
-      : multiply(kernel_of(GriffinLimMultiply{kPrec}, device)),
-        step(kernel_of(GriffinLimStep{kPrec}, device)) {}
+      : multiply(kernel_function(GriffinLimMultiply{codegen::kPrecisionOf<T>}, device)),
+        step(kernel_function(GriffinLimStep{codegen::kPrecisionOf<T>}, device)) {}
 
   kernel_t multiply, step;
 };

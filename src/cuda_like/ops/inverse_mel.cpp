@@ -47,14 +47,12 @@ const ProductPlan& product_plan(const InverseMelCall& call) {
                     0};
   if (const auto it = plans.find(key); it != plans.end()) return it->second;
   const RowProductKernel kernel{
-      .prec = sizeof(T) == 8 ? codegen::kDouble : codegen::kFloat,
+      .prec = codegen::kPrecisionOf<T>,
       .n_in = static_cast<int>(matrix.n_in),
       .n_out = static_cast<int>(matrix.n_out),
       .mode = call.clamp ? codegen::ProductStore::kClamp : codegen::ProductStore::kPlain};
-  const ProductPlan plan{
-      .fn = kernel_function(
-          kernel.key(), call.device, [&kernel] { return kernel.source(backend()); }, kernel.kName),
-      .table = product_table<T>(matrix)};
+  const ProductPlan plan{.fn = kernel_function(kernel, call.device),
+                         .table = product_table<T>(matrix)};
   return plans.emplace(key, plan).first->second;
 }
 

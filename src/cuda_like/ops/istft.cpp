@@ -7,6 +7,7 @@
 #include "codegen/precision.h"
 #include "codegen/sizes.h"
 #include "cuda_like/hash.h"
+#include "cuda_like/ops/chunks.h"
 #include "cuda_like/ops/istft_route.h"
 #include "cuda_like/ops/istft_sizes.h"
 #include "cuda_like/ops/istft_staged.h"
@@ -125,9 +126,9 @@ void launch_normalize(const IstftPlan& plan, const IstftCall& call, const IstftS
 
 // As many batch rows as one grid takes, and with the staged route one transform.
 int64_t rows_at_once(const IstftPlan& plan, const IstftCall& call, const IstftSizes& sizes) {
-  constexpr int64_t kGridRows = 65535;
-  const int64_t most = plan.staged ? std::numeric_limits<int>::max() / sizes.frames : kGridRows;
-  return std::min({call.batch, kGridRows, most});
+  const int64_t most =
+      plan.staged ? std::numeric_limits<int>::max() / sizes.frames : kRowsOfALaunch;
+  return std::min({call.batch, kRowsOfALaunch, most});
 }
 
 template <class T>

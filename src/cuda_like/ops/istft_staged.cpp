@@ -1,8 +1,7 @@
 #include "cuda_like/ops/istft_staged.h"
 
-#include <algorithm>
-
 #include "codegen/precision.h"
+#include "cuda_like/ops/chunks.h"
 #include "cuda_like/ops/fft.h"
 #include "cuda_like/ops/rfft.h"
 #include "cuda_like/twiddles.h"
@@ -12,8 +11,6 @@ namespace {
 
 using codegen::FrameWindow;
 using codegen::IstftGather;
-
-constexpr int64_t kGridRows = 65535;
 
 // Lays the bins of all frames side by side at `to`, folded to half as many where n_fft is even.
 void gather(const StagedFrames& plan, const IstftCall& call, const IstftSizes& sizes, int64_t rows,
@@ -27,12 +24,12 @@ void gather(const StagedFrames& plan, const IstftCall& call, const IstftSizes& s
   int64_t st = call.stride_frame;
   const int64_t all = rows * frames;
   const auto blocks = static_cast<unsigned>((kernel.count() + kernel.kBlock - 1) / kernel.kBlock);
-  for (int64_t row = 0; row < all; row += kGridRows) {
+  in_chunks(all, [&](int64_t row, int64_t count) {
     void* packed[] = {&z, &to, &twiddles, &frames, &sb, &sk, &st, &row};
     void* plain[] = {&z, &to, &frames, &sb, &sk, &st, &row};
-    launch_kernel(plan.gather, blocks, static_cast<unsigned>(std::min(all - row, kGridRows)),
-                  kernel.kBlock, 0, kernel.packs() ? packed : plain, kernel.name(), call.stream);
-  }
+    launch_kernel(plan.gather, blocks, static_cast<unsigned>(count), kernel.kBlock, 0,
+                  kernel.packs() ? packed : plain, kernel.name(), call.stream);
+  });
 }
 
 void apply_window(const StagedFrames& plan, const IstftCall& call, const IstftSizes& sizes,
@@ -52,10 +49,8 @@ StagedFrames staged_frames(const codegen::IstftKernel& kernel, devptr_t window, 
   StagedFrames plan;
   plan.kernel = gather;
   plan.window = window;
-  plan.gather = kernel_function(
-      gather.key(), device, [&] { return gather.source(backend()); }, gather.name());
-  plan.apply_window = kernel_function(
-      multiply.key(), device, [&] { return multiply.source(backend()); }, multiply.kName);
+  plan.gather = kernel_function(gather, device);
+  plan.apply_window = kernel_function(multiply, device);
   if (gather.packs()) {
     plan.twiddles = fft_twiddles(kernel.n_fft, 0, kernel.compute == codegen::kDouble);
   }

@@ -11,6 +11,7 @@
 #include "codegen/kernels/lfilter.h"
 #include "codegen/kernels/lfilter_pack.h"
 #include "codegen/precision.h"
+#include "cuda_like/ops/chunks.h"
 #include "cuda_like/ops/guards.h"
 
 namespace kevra::ops {
@@ -19,7 +20,6 @@ namespace {
 using codegen::LfilterKernel;
 using codegen::LfilterPackKernel;
 
-constexpr int64_t kRowsOfALaunch = 65535;
 constexpr int64_t kLargestBlock = 256;
 // Below a wave fewer threads win nothing on a GPU, and each count is a kernel to compile.
 constexpr int64_t kSmallestBlock = 32;
@@ -119,8 +119,7 @@ template <class Kernel>
 void launch_block(const Kernel& kernel, devptr_t b, devptr_t a, devptr_t out, int device,
                   stream_t stream) {
   check_shared(kernel.shared_bytes(), device, "lfilter: p");
-  const kernel_t fn = kernel_function(
-      kernel.key(), device, [kernel] { return kernel.source(backend()); }, kernel.kName);
+  const kernel_t fn = kernel_function(kernel, device);
   void* args[] = {&b, &a, &out};
   launch_kernel(fn, 1, 1, kernel.kBlock, kernel.shared_bytes(), args, kernel.kName, stream);
 }
@@ -133,25 +132,22 @@ void run(const LfilterCall& call, int prec, int device, stream_t stream) {
   T* const b = static_cast<T*>(call.cf);
   launch_block(block, b, b + call.order.m1, coefficients.p, device, stream);
 
-  const kernel_t fn = kernel_function(
-      kernel.key(), device, [kernel] { return kernel.source(backend()); }, kernel.kName);
-  T* x = static_cast<T*>(call.x);
-  T* y = static_cast<T*>(call.y);
+  const kernel_t fn = kernel_function(kernel, device);
   devptr_t cf = coefficients.p;
-  T* xh = static_cast<T*>(call.history.xh);
-  T* zy = static_cast<T*>(call.history.zy);
   int64_t n = call.n;
   int has_history = call.history.any() ? 1 : 0;
-  for (int64_t done = 0; done < call.rows; done += kRowsOfALaunch) {
-    const int64_t rows = std::min(call.rows - done, kRowsOfALaunch);
+  const auto history = [](devptr_t values, int64_t before) {
+    return values != nullptr ? at(values, before, sizeof(T)) : nullptr;
+  };
+  in_chunks(call.rows, [&](int64_t first, int64_t rows) {
+    char* x = at(call.x, first * n, sizeof(T));
+    char* y = at(call.y, first * n, sizeof(T));
+    char* xh = history(call.history.xh, first * (call.order.m1 - 1));
+    char* zy = history(call.history.zy, first * call.order.p);
     void* args[] = {&x, &y, &cf, &xh, &zy, &n, &has_history};
     launch_kernel(fn, static_cast<unsigned>(rows), 1, static_cast<unsigned>(kernel.threads),
                   kernel.shared_bytes(), args, kernel.kName, stream);
-    x += rows * n;
-    y += rows * n;
-    if (xh != nullptr) xh += rows * (call.order.m1 - 1);
-    if (zy != nullptr) zy += rows * call.order.p;
-  }
+  });
 }
 
 // `width` values a row; for a width of 0 a placeholder column is as good as none.
@@ -239,7 +235,7 @@ PinnedArray<T> lfilter_staged(const HostArray<T>& x, const HostArray<T>& cf,
   const DeviceBuffer dout((size_t)rows * n * sizeof(T), nullptr);
   LfilterCall call{.x = dx.p, .y = dout.p, .cf = dcf.p, .rows = rows, .n = n, .order = order};
   if (xh != nullptr) call.history = {dxh.p, dzy.p};
-  lfilter_resident(call, sizeof(T) == 8 ? codegen::kDouble : codegen::kFloat, 0, nullptr);
+  lfilter_resident(call, codegen::kPrecisionOf<T>, 0, nullptr);
 
   PinnedArray<T> y({rows, n});
   KEVRA_CHECK(memcpyDtoH(y.mutable_data(), dout.p, (size_t)rows * n * sizeof(T)));

@@ -1,11 +1,11 @@
 #include "cuda_like/ops/mel.h"
 
-#include <algorithm>
 #include <stdexcept>
 
 #include "codegen/kernels/mel.h"
 #include "codegen/kernels/spectrum_output.h"
 #include "codegen/precision.h"
+#include "cuda_like/ops/chunks.h"
 #include "cuda_like/ops/frames.h"
 #include "cuda_like/ops/guards.h"
 #include "cuda_like/ops/mel_plan.h"
@@ -60,12 +60,11 @@ void reduce(devptr_t spectra, int64_t rows, const MelPlan& plan, const MelCall& 
       kernel.key(), call.device, [&] { return band_source(kernel, backend()); }, kernel.kName);
   devptr_t mel = call.mel;
   FilterBankTable bank = plan.bank;
-  constexpr int64_t kRowsOfALaunch = 65535;
-  for (int64_t row0 = 0; row0 < rows; row0 += kRowsOfALaunch) {
+  in_chunks(rows, [&](int64_t row0, int64_t count) {
     void* args[] = {&spectra, &mel, &bank.lo, &bank.off, &bank.w, &row0};
-    launch_kernel(fn, kernel.blocks(), static_cast<unsigned>(std::min(rows - row0, kRowsOfALaunch)),
-                  kernel.kBlock, 0, args, kernel.kName, call.stream);
-  }
+    launch_kernel(fn, kernel.blocks(), static_cast<unsigned>(count), kernel.kBlock, 0, args,
+                  kernel.kName, call.stream);
+  });
 }
 
 // Magnitude or power spectra to device memory, and their bands from there.

@@ -32,7 +32,7 @@ uint64_t mel_plan_shape(const MelCall& call, const FramePrecision& prec) {
   const uint64_t flags = static_cast<uint64_t>(o.form) << 8 |
                          static_cast<uint64_t>(prec.compute) << 4 |
                          static_cast<uint64_t>(prec.storage) << 2 | (o.center ? 1u : 0u);
-  const uint64_t eps = o.form == codegen::kDecibelForm ? std::bit_cast<uint64_t>(o.eps) : 0;
+  const uint64_t eps = eps_word(o.form, o.eps);
   return key_of({o.window.key, o.bank.hash, uint64_t(o.bank.n_mels), uint64_t(o.bank.bins),
                  std::bit_cast<uint64_t>(o.power), uint64_t(o.n_fft), uint64_t(o.hop),
                  uint64_t(call.device), flags, uint64_t(call.length), eps});
@@ -59,19 +59,14 @@ StftConfig mel_config(const MelCall& call, const FramePrecision& prec, int64_t f
 }
 
 MelPlan build_mel_plan(const MelCall& call, const StftConfig& config) {
-  MelPlan plan{.config = config,
-               .bank = filter_bank_table(call.options.bank, config.prec == codegen::kDouble)};
+  MelPlan plan;
+  plan.config = config;
+  plan.bank = filter_bank_table(call.options.bank, config.prec == codegen::kDouble);
   if (plan.staged()) return plan;
   const MelKernel kernel{config};
-  check_shared(kernel.shared_bytes(), call.device,
-               config.ncep > 0 ? "cepstra: n_fft" : "mel: n_fft");
-  plan.window = window_table(call.options.window, config.n_fft, config.prec);
-  plan.twiddles = frame_twiddles(config);
-  plan.fn = kernel_function(
-      kernel.key(), call.device, [&] { return mel_source(kernel, backend()); }, kernel.kName);
-  plan.blocks = kernel.blocks(config.frames);
-  plan.block = static_cast<unsigned>(kernel.block());
-  plan.shared = kernel.shared_bytes();
+  prepare(plan, kernel, call.options.window, call.device,
+          config.ncep > 0 ? "cepstra: n_fft" : "mel: n_fft",
+          [&] { return mel_source(kernel, backend()); });
   return plan;
 }
 

@@ -8,22 +8,17 @@
 #include "codegen/stft_config.h"
 #include "cuda_like/device.h"
 #include "cuda_like/filter_bank.h"
+#include "cuda_like/ops/frame_plan.h"
 #include "cuda_like/ops/mel.h"
 #include "cuda_like/ops/plan_map.h"
 #include "cuda_like/ops/stft.h"
 
 namespace kevra::ops {
 
-struct MelPlan {
-  codegen::StftConfig config;
+// The route through device memory leaves the fused kernel empty.
+struct MelPlan : FramePlan {
+  codegen::StftConfig config{};
   FilterBankTable bank{};
-  // The fused kernel; the route through device memory sets nothing below.
-  kernel_t fn = nullptr;
-  unsigned blocks = 0;
-  unsigned block = 0;
-  size_t shared = 0;
-  devptr_t twiddles = nullptr;
-  devptr_t window = nullptr;
 
   bool staged() const { return config.core == codegen::StftCore::kFourStep; }
 };

@@ -32,8 +32,7 @@ void onset_strength_resident(devptr_t m, devptr_t out, int64_t batch, int64_t fr
   if (batch == 0 || frames == 0) return;
 
   const codegen::OnsetKernel kernel{prec};
-  kernel_t fn = kernel_function(
-      kernel.key(), device, [kernel] { return kernel.source(backend()); }, kernel.kName);
+  kernel_t fn = kernel_function(kernel, device);
   void* args[] = {&m, &out, &frames, &bins};
   launch_kernel(fn, static_cast<unsigned>(batch * frames), 1, kernel.kBlock, kernel.shared_bytes(),
                 args, kernel.kName, stream);
@@ -59,8 +58,7 @@ PinnedArray<T> onset_strength_staged(const HostArray<T>& s) {
     transpose(s.data, static_cast<T*>(turned.p), batch, bins, frames);
     KEVRA_CHECK(memcpyHtoD(dx.p, turned.p, bytes));
   }
-  onset_strength_resident(dx.p, dy.p, batch, frames, bins,
-                          sizeof(T) == 8 ? codegen::kDouble : codegen::kFloat, 0, nullptr);
+  onset_strength_resident(dx.p, dy.p, batch, frames, bins, codegen::kPrecisionOf<T>, 0, nullptr);
 
   PinnedArray<T> out({batch, frames});
   KEVRA_CHECK(memcpyDtoH(out.mutable_data(), dy.p, (size_t)batch * frames * sizeof(T)));

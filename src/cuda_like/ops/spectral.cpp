@@ -30,8 +30,7 @@ template <class T>
 void reduce(devptr_t m, devptr_t out, int64_t rows, int64_t n, const SpectralStatistic& s, int prec,
             int device, stream_t stream) {
   const SpectralKernel kernel{prec, s.stat};
-  const kernel_t fn = kernel_function(
-      kernel.key(), device, [kernel] { return kernel.source(backend()); }, kernel.kName);
+  const kernel_t fn = kernel_function(kernel, device);
   const size_t stored = prec == codegen::kHalf ? 2 : sizeof(T);
   T fstep = static_cast<T>(s.fstep);
   T p = static_cast<T>(s.p);

@@ -42,7 +42,7 @@ PlanKey stft_plan_key(const StftCall& call, const FramePrecision& prec,
   const uint64_t flags = static_cast<uint64_t>(call.form) << 8 |
                          static_cast<uint64_t>(prec.compute) << 4 |
                          static_cast<uint64_t>(prec.storage) << 2 | (call.center ? 1u : 0u);
-  const uint64_t eps = call.form == codegen::kDecibelForm ? std::bit_cast<uint64_t>(call.eps) : 0;
+  const uint64_t eps = eps_word(call.form, call.eps);
   const uint64_t key = key_of({call.window.key, uint64_t(call.n_fft), uint64_t(call.hop),
                                uint64_t(call.device), flags, uint64_t(call.length), eps});
   if (statistic.stat == codegen::kNoStatistic) return {key, shape_epoch()};
@@ -93,14 +93,8 @@ StftPlan build_stft_plan(const StftCall& call, const StftConfig& config) {
   plan.staged = config.core == StftCore::kFourStep;
   if (plan.staged) return plan;
   const StftKernel kernel{config};
-  check_shared(kernel.shared_bytes(), call.device, "stft: n_fft");
-  plan.window = window_table(call.window, config.n_fft, config.prec);
-  plan.twiddles = frame_twiddles(config);
-  plan.fn = kernel_function(
-      kernel.key(), call.device, [&] { return stft_source(kernel, backend()); }, kernel.kName);
-  plan.blocks = kernel.blocks(config.frames);
-  plan.block = static_cast<unsigned>(kernel.block());
-  plan.shared = kernel.shared_bytes();
+  prepare(plan, kernel, call.window, call.device, "stft: n_fft",
+          [&] { return stft_source(kernel, backend()); });
   plan.frames = config.frames;
   return plan;
 }

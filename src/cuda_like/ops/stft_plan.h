@@ -7,18 +7,13 @@
 
 #include "codegen/stft_config.h"
 #include "cuda_like/device.h"
+#include "cuda_like/ops/frame_plan.h"
 #include "cuda_like/ops/plan_map.h"
 #include "cuda_like/ops/stft.h"
 
 namespace kevra::ops {
 
-struct StftPlan {
-  kernel_t fn = nullptr;
-  unsigned blocks = 0;
-  unsigned block = 0;
-  size_t shared = 0;
-  devptr_t twiddles = nullptr;
-  devptr_t window = nullptr;
+struct StftPlan : FramePlan {
   int frames = 0;
   bool staged = false;  // no fused kernel serves; nothing above is set
 };

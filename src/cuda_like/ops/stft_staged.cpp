@@ -86,7 +86,7 @@ void transform_odd(const StftCall& call, const StftConfig& s, devptr_t frames, i
 template <class T>
 void staged_stft(const StftCall& call, const StftConfig& given) {
   StftConfig config = given;
-  config.prec = sizeof(T) == 8 ? codegen::kDouble : codegen::kFloat;
+  config.prec = codegen::kPrecisionOf<T>;
   const int64_t rows = call.batch * config.frames;
   require_int32("stft", "batch x frames", rows, 1);
 

@@ -21,8 +21,7 @@ void tonnetz_resident(devptr_t c, devptr_t out, int64_t rows, int prec, int devi
   if (rows == 0) return;
 
   const TonnetzKernel kernel{prec};
-  kernel_t fn = kernel_function(
-      kernel.key(), device, [kernel] { return kernel.source(backend()); }, kernel.kName);
+  kernel_t fn = kernel_function(kernel, device);
   void* args[] = {&c, &out, &rows};
   launch_kernel(fn, static_cast<unsigned>((rows + kBlock - 1) / kBlock), 1, kernel.kBlock, 0, args,
                 kernel.kName, stream);
@@ -49,8 +48,7 @@ PinnedArray<T> tonnetz_staged(const HostArray<T>& c) {
     transpose(c.data, static_cast<T*>(turned.p), batch, kClasses, frames);
     KEVRA_CHECK(memcpyHtoD(dx.p, turned.p, bytes));
   }
-  tonnetz_resident(dx.p, dy.p, rows, sizeof(T) == 8 ? codegen::kDouble : codegen::kFloat, 0,
-                   nullptr);
+  tonnetz_resident(dx.p, dy.p, rows, codegen::kPrecisionOf<T>, 0, nullptr);
 
   PinnedArray<T> out({batch, frames, kCoordinates});
   KEVRA_CHECK(memcpyDtoH(out.mutable_data(), dy.p, (size_t)rows * kCoordinates * sizeof(T)));
