@@ -70,7 +70,8 @@ def check(y, fb, prec, window="hann", device=0, **changes):
     error = np.linalg.norm((got - want) / weights(o["n_out"], o["lifter"])[:, None], axis=1).max()
     assert error <= DECIBELS[prec], f"{error} dB: {y.shape=} {fb.shape=} {prec=} {o}"
     if prec == DOUBLE:
-        np.testing.assert_array_equal(kevra.cepstra_staged(y, window, fb, *o.values()), got)
+        # Not bit for bit: where buffers lie decides which code the CPU device runs, and so what rounds.
+        np.testing.assert_allclose(kevra.cepstra_staged(y, window, fb, *o.values()), got, rtol=1e-13, atol=1e-12)
     return got
 
 
