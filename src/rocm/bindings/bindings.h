@@ -12,6 +12,7 @@ void bind_features(pybind11::module_& m);
 void bind_db(pybind11::module_& m);
 void bind_spectrograms(pybind11::module_& m);
 void bind_istft(pybind11::module_& m);
+void bind_stft_gradients(pybind11::module_& m);
 void bind_griffinlim(pybind11::module_& m);
 void bind_mel(pybind11::module_& m);
 void bind_cepstra(pybind11::module_& m);

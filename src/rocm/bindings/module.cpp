@@ -10,6 +10,7 @@ PYBIND11_MODULE(_rocm, m) {
   kevra::bindings::bind_db(m);
   kevra::bindings::bind_spectrograms(m);
   kevra::bindings::bind_istft(m);
+  kevra::bindings::bind_stft_gradients(m);
   kevra::bindings::bind_griffinlim(m);
   kevra::bindings::bind_mel(m);
   kevra::bindings::bind_cepstra(m);
