@@ -12,8 +12,8 @@ namespace kevra::ops {
 using codegen::GradientCrop;
 using codegen::GradientWindow;
 
-kernel_t gradient_crop(const GradientSizes& sizes, int prec, bool slots, int device) {
-  return kernel_function(GradientCrop{sizes.n_fft, sizes.hop, prec, slots}, device);
+kernel_t gradient_crop(int n_fft, int hop, int prec, bool slots, int device) {
+  return kernel_function(GradientCrop{n_fft, hop, prec, slots}, device);
 }
 
 void launch_gradient_crop(kernel_t crop, const GradientSizes& sizes, int64_t rows, devptr_t graw,
@@ -31,7 +31,7 @@ void launch_gradient_crop(kernel_t crop, const GradientSizes& sizes, int64_t row
 GradientTail gradient_tail(const GradientSizes& sizes, int prec, const WindowSpec& window,
                            int device) {
   return {.window_frames = kernel_function(GradientWindow{sizes.n_fft, prec}, device),
-          .crop = gradient_crop(sizes, prec, true, device),
+          .crop = gradient_crop(sizes.n_fft, sizes.hop, prec, true, device),
           .window = window_table(window, sizes.n_fft, prec)};
 }
 
@@ -59,8 +59,10 @@ template void run_gradient_tail<float>(const GradientTail&, const GradientSizes&
 template void run_gradient_tail<double>(const GradientTail&, const GradientSizes&, int64_t,
                                         devptr_t, devptr_t, int, stream_t);
 
-int64_t gradient_rows_at_once(const GradientSizes& sizes, int64_t batch) {
-  return std::min({batch, kRowsOfALaunch, int64_t{std::numeric_limits<int>::max()} / sizes.frames});
+int64_t gradient_rows_at_once(const GradientSizes& sizes, int64_t batch, bool staged) {
+  const int64_t rows = std::min(batch, kRowsOfALaunch);
+  if (!staged) return rows;
+  return std::min(rows, int64_t{std::numeric_limits<int>::max()} / sizes.frames);
 }
 
 }  // namespace kevra::ops

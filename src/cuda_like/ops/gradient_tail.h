@@ -9,8 +9,8 @@
 namespace kevra::ops {
 
 // stft_adjoint_crop over `rows` batch rows: from `graw`, [rows][raw(slots)], to `gx`, [rows][L].
-// `crop` is the kernel of gradient_crop for those sizes.
-kernel_t gradient_crop(const GradientSizes& sizes, int prec, bool slots, int device);
+// `crop` is gradient_crop of the sizes at hand.
+kernel_t gradient_crop(int n_fft, int hop, int prec, bool slots, int device);
 void launch_gradient_crop(kernel_t crop, const GradientSizes& sizes, int64_t rows, devptr_t graw,
                           devptr_t gx, stream_t stream);
 
@@ -30,7 +30,7 @@ template <class T>
 void run_gradient_tail(const GradientTail& tail, const GradientSizes& sizes, int64_t rows,
                        devptr_t z, devptr_t gx, int device, stream_t stream);
 
-// Batch rows that one pass of a staged route takes.
-int64_t gradient_rows_at_once(const GradientSizes& sizes, int64_t batch);
+// Batch rows that one pass takes: as many as a grid has, and with the staged route a transform.
+int64_t gradient_rows_at_once(const GradientSizes& sizes, int64_t batch, bool staged);
 
 }  // namespace kevra::ops

@@ -32,16 +32,5 @@ GradientSizes gradient_sizes(const char* op, int64_t batch, int64_t length, int6
 
 // Whether one block's shared memory holds a frame's transform of n_fft complex values.
 bool gradient_is_fused(int n_fft, int prec, int device);
-// Threads to a frame of the fused kernels.
-constexpr int gradient_threads(int n_fft) {
-  return n_fft < 32 ? 32 : n_fft > 256 ? 256 : n_fft;
-}
-
-// Strides of a spectrogram's gradient, in elements.
-struct GradientStrides {
-  int64_t batch;
-  int64_t bin;
-  int64_t frame;
-};
 
 }  // namespace kevra::ops

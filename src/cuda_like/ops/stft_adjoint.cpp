@@ -5,9 +5,11 @@
 
 #include "codegen/kernels/gradient_frames.h"
 #include "codegen/kernels/spectrum_output.h"
+#include "codegen/kernels/stft_adjoint.h"
 #include "codegen/precision.h"
 #include "cuda_like/ops/chunks.h"
 #include "cuda_like/ops/frames.h"
+#include "cuda_like/ops/gradient_frames.h"
 #include "cuda_like/ops/gradient_tail.h"
 #include "cuda_like/ops/gradients.h"
 #include "cuda_like/ops/plan_map.h"
@@ -18,12 +20,17 @@ namespace {
 
 using codegen::GradientChain;
 using codegen::GradientPack;
+using codegen::StftAdjointKernel;
 
 constexpr const char* kOp = "stft_adjoint";
 
 struct StftAdjointPlan {
-  kernel_t front = nullptr;  // staged: lays down the conjugate gradients
+  bool staged = false;
+  // Staged, the kernel that lays down the conjugate gradients, and the steps behind it.
+  kernel_t front = nullptr;
   GradientTail tail;
+  // Else the kernel of frames and the crop behind it.
+  FusedGradient fused;
 };
 
 template <class T>
@@ -49,6 +56,12 @@ template <class T>
 StftAdjointPlan build_plan(const StftAdjointCall& call, const GradientSizes& sizes) {
   constexpr int kPrec = codegen::kPrecisionOf<T>;
   StftAdjointPlan plan;
+  plan.staged = !gradient_is_fused(sizes.n_fft, kPrec, call.device);
+  if (!plan.staged) {
+    const StftAdjointKernel kernel{gradient_frame(sizes, kPrec), call.form, call.eps};
+    plan.fused = fused_gradient(kernel, call.window, call.device, "stft_adjoint: n_fft");
+    return plan;
+  }
   plan.tail = gradient_tail(sizes, kPrec, call.window, call.device);
   plan.front =
       is_complex(call)
@@ -115,11 +128,36 @@ void run_staged(const StftAdjointPlan& plan, const StftAdjointCall& call,
 }
 
 template <class T>
+void run_fused(const StftAdjointPlan& plan, const StftAdjointCall& call, const GradientSizes& sizes,
+               int64_t rows) {
+  const FusedGradient& fused = plan.fused;
+  const DeviceBuffer raw = raw_gradient<T>(fused, sizes, rows, call.stream);
+  devptr_t g = call.g;
+  devptr_t x = call.x;
+  devptr_t graw = raw.p;
+  devptr_t window = fused.window;
+  devptr_t twiddles = fused.twiddles;
+  int frames = sizes.frames;
+  int length = sizes.length;
+  int64_t out_len = sizes.out_len;
+  int64_t sb = call.stride_batch;
+  int64_t sk = call.stride_bin;
+  int64_t st = call.stride_frame;
+  void* complex_args[] = {&g, &graw, &window, &twiddles, &frames, &out_len, &sb, &sk, &st};
+  void* mode_args[] = {&g,      &x,       &graw, &window, &twiddles, &frames,
+                       &length, &out_len, &sb,   &sk,     &st};
+  launch_kernel(fused.frames, static_cast<unsigned>(frames), static_cast<unsigned>(rows),
+                fused.block, fused.shared, is_complex(call) ? complex_args : mode_args, kOp,
+                call.stream);
+  launch_gradient_crop(fused.crop, sizes, rows, graw, call.gx, call.stream);
+}
+
+template <class T>
 void run(const StftAdjointPlan& plan, StftAdjointCall call, const GradientSizes& sizes) {
-  const int64_t most = gradient_rows_at_once(sizes, call.batch);
+  const int64_t most = gradient_rows_at_once(sizes, call.batch, plan.staged);
   for (int64_t left = call.batch; left > 0; left -= most) {
     const int64_t rows = std::min(left, most);
-    run_staged<T>(plan, call, sizes, rows);
+    plan.staged ? run_staged<T>(plan, call, sizes, rows) : run_fused<T>(plan, call, sizes, rows);
     const int64_t element = is_complex(call) ? 2 * sizeof(T) : sizeof(T);
     call.g = static_cast<char*>(call.g) + rows * call.stride_batch * element;
     if (!is_complex(call)) call.x = at(call.x, rows * call.length, sizeof(T));
