@@ -26,13 +26,7 @@ Kernel make_cepstra_peak(const Values& values) {
 Kernel make_inverse_mel(const Values& values) {
   const codegen::RowProductKernel kernel{values.at("prec"), values.at("n_in"), values.at("n_out"),
                                          static_cast<codegen::ProductStore>(values.at("mode"))};
-  // No operation asks for the gate.
-  return {kernel.kName,
-          kernel.key(),
-          kernel.kBlock,
-          0,
-          kernel.mode != codegen::ProductStore::kGate,
-          kernel.source(hip)};
+  return {kernel.kName, kernel.key(), kernel.kBlock, 0, true, kernel.source(hip)};
 }
 
 }  // namespace

@@ -10,11 +10,9 @@
 
 namespace kevra::ops {
 
-void require_full_precision(int prec) {
+void require_full_precision(int prec, const char* refusal) {
   constexpr int kPackedHalf = 3;
-  if (prec == codegen::kHalf || prec == kPackedHalf) {
-    throw std::invalid_argument("adjoint: half gradients compute in f32; upcast the tensors");
-  }
+  if (prec == codegen::kHalf || prec == kPackedHalf) throw std::invalid_argument(refusal);
 }
 
 GradientSizes gradient_sizes(const char* op, int64_t batch, int64_t length, int64_t frames,

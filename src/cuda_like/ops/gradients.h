@@ -7,8 +7,10 @@
 
 namespace kevra::ops {
 
-// Throws std::invalid_argument for half storage: a gradient needs the range of a float.
-void require_full_precision(int prec);
+// Throws std::invalid_argument with the text `refusal` for half storage: a gradient needs the range
+// of a float.
+void require_full_precision(
+    int prec, const char* refusal = "adjoint: half gradients compute in f32; upcast the tensors");
 
 // Frames of a padded signal, and the signal.
 struct GradientSizes {

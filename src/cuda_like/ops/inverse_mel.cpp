@@ -6,6 +6,7 @@
 
 #include "codegen/kernels/row_product.h"
 #include "codegen/precision.h"
+#include "cuda_like/ops/gradients.h"
 #include "cuda_like/ops/guards.h"
 #include "cuda_like/ops/plan_map.h"
 #include "cuda_like/tables.h"
@@ -13,11 +14,14 @@
 namespace kevra::ops {
 namespace {
 
+using codegen::ProductStore;
 using codegen::RowProductKernel;
 
+// Rows of n_in values to rows of n_out.
 struct ProductPlan {
   kernel_t fn;
   devptr_t table;
+  int64_t n_out;
 };
 
 void check_inverse_mel(const InverseMelMatrix& matrix, int64_t rows) {
@@ -30,30 +34,45 @@ void check_inverse_mel(const InverseMelMatrix& matrix, int64_t rows) {
 
 // Matrices of one key and of different shapes have tables apart: no kernel reads past one.
 template <class T>
-devptr_t product_table(const InverseMelMatrix& matrix) {
-  const std::string name = "pmatmul_" + std::to_string(matrix.n_out) + "_" +
-                           std::to_string(matrix.n_in) + "_" + std::string(matrix.key);
-  return device_vector_table<T>(name, [&matrix] {
-    return std::vector<T>(matrix.values, matrix.values + matrix.n_out * matrix.n_in);
+devptr_t product_table(const InverseMelMatrix& matrix, bool transposed) {
+  const std::string name = (transposed ? "pmatmul_t_" : "pmatmul_") + std::to_string(matrix.n_out) +
+                           "_" + std::to_string(matrix.n_in) + "_" + std::string(matrix.key);
+  return device_vector_table<T>(name, [&matrix, transposed] {
+    std::vector<T> table(matrix.values, matrix.values + matrix.n_out * matrix.n_in);
+    if (!transposed) return table;
+    for (int64_t i = 0; i < matrix.n_out * matrix.n_in; ++i) {
+      table[i % matrix.n_in * matrix.n_out + i / matrix.n_in] = static_cast<T>(matrix.values[i]);
+    }
+    return table;
   });
 }
 
 template <class T>
-const ProductPlan& product_plan(const InverseMelCall& call) {
+const ProductPlan& product_plan(const InverseMelMatrix& matrix, ProductStore store, bool transposed,
+                                int device) {
   static thread_local PlanMap<ProductPlan> plans;
-  const InverseMelMatrix& matrix = call.matrix;
   const PlanKey key{key_of({content_hash(matrix.key), uint64_t(matrix.n_in), uint64_t(matrix.n_out),
-                            uint64_t(call.clamp), uint64_t(call.device)}),
+                            uint64_t(store), uint64_t(transposed), uint64_t(device)}),
                     0};
   if (const auto it = plans.find(key); it != plans.end()) return it->second;
-  const RowProductKernel kernel{
-      .prec = codegen::kPrecisionOf<T>,
-      .n_in = static_cast<int>(matrix.n_in),
-      .n_out = static_cast<int>(matrix.n_out),
-      .mode = call.clamp ? codegen::ProductStore::kClamp : codegen::ProductStore::kPlain};
-  const ProductPlan plan{.fn = kernel_function(kernel, call.device),
-                         .table = product_table<T>(matrix)};
+  const int64_t n_out = transposed ? matrix.n_in : matrix.n_out;
+  const RowProductKernel kernel{.prec = codegen::kPrecisionOf<T>,
+                                .n_in = static_cast<int>(transposed ? matrix.n_out : matrix.n_in),
+                                .n_out = static_cast<int>(n_out),
+                                .mode = store};
+  const ProductPlan plan{.fn = kernel_function(kernel, device),
+                         .table = product_table<T>(matrix, transposed),
+                         .n_out = n_out};
   return plans.emplace(key, plan).first->second;
+}
+
+// `aux` is read by the gate alone.
+void launch_product(const ProductPlan& plan, devptr_t m, devptr_t out, devptr_t aux, int64_t rows,
+                    stream_t stream) {
+  devptr_t table = plan.table;
+  void* args[] = {&m, &out, &table, &aux, &rows};
+  launch_kernel(plan.fn, codegen::product_blocks(rows, plan.n_out), 1, RowProductKernel::kBlock, 0,
+                args, RowProductKernel::kName, stream);
 }
 
 template <class T>
@@ -61,21 +80,37 @@ void inverse_mel_scale(const InverseMelCall& call) {
   check_inverse_mel(call.matrix, call.rows);
   select_device(call.device);
   if (call.rows == 0) return;
-  const ProductPlan& plan = product_plan<T>(call);
-  devptr_t m = call.m;
-  devptr_t out = call.out;
-  devptr_t table = plan.table;
-  devptr_t aux = m;  // these stores do not read it
-  int64_t rows = call.rows;
-  void* args[] = {&m, &out, &table, &aux, &rows};
-  launch_kernel(plan.fn, codegen::product_blocks(rows, call.matrix.n_out), 1,
-                RowProductKernel::kBlock, 0, args, RowProductKernel::kName, call.stream);
+  const ProductStore store = call.clamp ? ProductStore::kClamp : ProductStore::kPlain;
+  const ProductPlan& plan = product_plan<T>(call.matrix, store, false, call.device);
+  launch_product(plan, call.m, call.out, call.m, call.rows, call.stream);
+}
+
+template <class T>
+void inverse_mel_scale_adjoint(const InverseMelAdjointCall& call) {
+  const InverseMelMatrix& matrix = call.matrix;
+  check_inverse_mel(matrix, call.rows);
+  require_at_most("inverse_mel_scale", "frames", call.rows, codegen::kProductLimit / matrix.n_in);
+  select_device(call.device);
+  if (call.rows == 0) return;
+  const ProductPlan& back = product_plan<T>(matrix, ProductStore::kPlain, true, call.device);
+  if (!call.clamp) return launch_product(back, call.g, call.gm, call.g, call.rows, call.stream);
+
+  const ProductPlan& gate = product_plan<T>(matrix, ProductStore::kGate, false, call.device);
+  const DeviceBuffer gated(static_cast<size_t>(call.rows) * matrix.n_out * sizeof(T), call.stream);
+  launch_product(gate, call.m, gated.p, call.g, call.rows, call.stream);
+  launch_product(back, gated.p, call.gm, gated.p, call.rows, call.stream);
 }
 
 }  // namespace
 
 void inverse_mel_scale_resident(const InverseMelCall& call, int prec) {
   prec == 2 ? inverse_mel_scale<double>(call) : inverse_mel_scale<float>(call);
+}
+
+void inverse_mel_scale_adjoint_resident(const InverseMelAdjointCall& call, int prec) {
+  require_full_precision(prec, "inverse_mel_scale: half gradients compute in f32 - upcast");
+  prec == codegen::kDouble ? inverse_mel_scale_adjoint<double>(call)
+                           : inverse_mel_scale_adjoint<float>(call);
 }
 
 template <class T>

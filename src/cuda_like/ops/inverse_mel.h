@@ -34,6 +34,21 @@ struct InverseMelCall {
 // for sizes out of bounds before anything is queued.
 void inverse_mel_scale_resident(const InverseMelCall& call, int prec);
 
+// The gradient of a function of the bins, rows x n_out, back to its bands, rows x n_in.
+struct InverseMelAdjointCall {
+  devptr_t m;   // the forward pass's bands; read where it clamped
+  devptr_t g;   // with respect to the bins
+  devptr_t gm;  // overwritten
+  int64_t rows;
+  InverseMelMatrix matrix;
+  bool clamp;  // a bin that came out below 0 passes nothing on
+  int device = 0;
+  stream_t stream = nullptr;
+};
+
+// prec 1 float, 2 double; half is refused. All else as inverse_mel_scale_resident.
+void inverse_mel_scale_adjoint_resident(const InverseMelAdjointCall& call, int prec);
+
 // m is (rows, n_in); the result (rows, n_out).
 template <class T>
 PinnedArray<T> inverse_mel_scale_staged(const HostArray<T>& m, const InverseMelMatrix& matrix,

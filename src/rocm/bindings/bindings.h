@@ -16,6 +16,7 @@ void bind_stft_gradients(pybind11::module_& m);
 void bind_griffinlim(pybind11::module_& m);
 void bind_mel(pybind11::module_& m);
 void bind_cepstra(pybind11::module_& m);
+void bind_inverse_mel(pybind11::module_& m);
 void bind_statistics(pybind11::module_& m);
 void bind_convolution(pybind11::module_& m);
 void bind_cqt(pybind11::module_& m);

@@ -14,6 +14,7 @@ PYBIND11_MODULE(_rocm, m) {
   kevra::bindings::bind_griffinlim(m);
   kevra::bindings::bind_mel(m);
   kevra::bindings::bind_cepstra(m);
+  kevra::bindings::bind_inverse_mel(m);
   kevra::bindings::bind_statistics(m);
   kevra::bindings::bind_cqt(m);
   kevra::bindings::bind_chroma(m);
