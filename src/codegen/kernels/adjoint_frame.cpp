@@ -17,11 +17,6 @@ void each_point(KernelWriter& w, const char* var, int count,
   w.for_loop(var, "tid", std::to_string(count), "TPF", body);
 }
 
-void emit_transform(KernelWriter& w, const AdjointFrame& frame) {
-  w.barrier();
-  emit_fft_stages(w, "bufA", frame.n_fft, factorize(frame.n_fft), frame.threads(), false);
-}
-
 }  // namespace
 
 int AdjointFrame::threads() const {
@@ -56,6 +51,11 @@ void emit_adjoint_map(KernelWriter& w, const AdjointFrame& frame) {
   w.stmt("TG cplx* bufA = sh_all;");
 }
 
+void emit_adjoint_transform(KernelWriter& w, const AdjointFrame& frame) {
+  w.barrier();
+  emit_fft_stages(w, "bufA", frame.n_fft, factorize(frame.n_fft), frame.threads(), false);
+}
+
 void emit_frame_spectrum(KernelWriter& w, const AdjointFrame& frame) {
   const std::string t = w.backend.scalar_type(w.prec);
   w.stmt("TG cplx* Xs = sh_all + $;", frame.points());
@@ -63,7 +63,7 @@ void emit_frame_spectrum(KernelWriter& w, const AdjointFrame& frame) {
   each_point(w, "i", frame.n_fft, [&](const std::string& i) {
     w.stmt("bufA[SHP($)] = cmk(yb[refl(frame*HOP + $)] * win[$], ($)0);", i, i, i, t);
   });
-  emit_transform(w, frame);
+  emit_adjoint_transform(w, frame);
   each_point(w, "k", frame.bins(),
              [&](const std::string& k) { w.stmt("Xs[$] = bufA[SHP($)];", k, k); });
   w.barrier();
@@ -82,7 +82,7 @@ void emit_scaled_bins(KernelWriter& w, const AdjointFrame& frame, const BinFacto
 }
 
 void emit_frame_gradient(KernelWriter& w, const AdjointFrame& frame) {
-  emit_transform(w, frame);
+  emit_adjoint_transform(w, frame);
   if (frame.slots) {
     w.stmt("I64 ob = ((I64)batch*NF + frame) * $;", frame.n_fft);
   } else {

@@ -39,6 +39,10 @@ std::string adjoint_prelude(const AdjointFrame& frame, const Backend& backend);
 // Names tid, frame, batch and the block's array `bufA`.
 void emit_adjoint_map(KernelWriter& w, const AdjointFrame& frame);
 
+// The forward transform of the n_fft values that the block's threads have put into bufA, with a
+// barrier before and behind.
+void emit_adjoint_transform(KernelWriter& w, const AdjointFrame& frame);
+
 // The frame's transform from `y`: NB bins in shared memory, named `Xs`, behind a barrier.
 void emit_frame_spectrum(KernelWriter& w, const AdjointFrame& frame);
 

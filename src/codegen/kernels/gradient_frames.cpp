@@ -4,6 +4,7 @@
 #include "codegen/kernel_signature.h"
 #include "codegen/kernel_writer.h"
 #include "codegen/kernels/chain_rule.h"
+#include "codegen/kernels/overlap.h"
 #include "codegen/kernels/spectrum_output.h"
 #include "codegen/prelude.h"
 #include "codegen/thread_map.h"
@@ -28,13 +29,10 @@ void emit_point_map(KernelWriter& w, int n_fft) {
 
 // The frames that cover place `place` of the padded signal, added in their order.
 void emit_frame_sum(KernelWriter& w, const GradientCrop& kernel, const char* place) {
-  const int n = kernel.n_fft;
-  const int hop = kernel.hop;
   w.stmt("{ I64 pp = $;", place);
-  w.stmt("  int t0 = (int)((pp - $ + $ - 1) / $); if (t0 < 0) t0 = 0;", n - 1, hop, hop);
-  w.stmt("  int t1 = (int)(pp / $); if (t1 > NF-1) t1 = NF-1;", hop);
+  emit_covering_frames(w, "pp", kernel.n_fft, kernel.hop);
   w.stmt("  for (int t=t0; t<=t1; ++t)");
-  w.stmt("    acc += graw[((I64)batch*NF + t)*$ + (pp - (I64)t*$)];", n, hop);
+  w.stmt("    acc += graw[((I64)batch*NF + t)*$ + (pp - (I64)t*$)];", kernel.n_fft, kernel.hop);
   w.stmt("}");
 }
 

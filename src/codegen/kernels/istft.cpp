@@ -6,6 +6,7 @@
 #include "codegen/kernel_signature.h"
 #include "codegen/kernel_writer.h"
 #include "codegen/kernels/half_spectrum.h"
+#include "codegen/kernels/overlap.h"
 #include "codegen/precision.h"
 #include "codegen/prelude.h"
 #include "codegen/sizes.h"
@@ -174,10 +175,7 @@ std::string istft_normalize_source(const IstftKernel& kernel, const Backend& bac
   w.stmt("int batch = $;", backend.block_index_y());
   w.stmt("if (i >= L) return;");
   w.stmt("I64 p = (I64)pad + i;");
-  w.line("  // the first and the last frame that cover p");
-  w.stmt("int t0 = (int)((p - $ + $ - 1) / $); if (t0 < 0) t0 = 0;", kernel.n_fft - 1, kernel.hop,
-         kernel.hop);
-  w.stmt("int t1 = (int)(p / $); if (t1 > NF-1) t1 = NF-1;", kernel.hop);
+  emit_covering_frames(w, "p", kernel.n_fft, kernel.hop);
   w.stmt("$ env=($)0;", t, t);
   if (kernel.slots) w.stmt("$ acc=($)0;", t, t);
   w.stmt("for (int t=t0; t<=t1; ++t) {");

@@ -2,6 +2,7 @@
 #include <string>
 
 #include "cuda_like/hints.h"
+#include "cuda_like/ops/istft_adjoint.h"
 #include "cuda_like/ops/stft_adjoint.h"
 #include "rocm/bindings/bindings.h"
 #include "rocm/bindings/windows.h"
@@ -102,11 +103,50 @@ fails.
 Source: the chain rule through |X|, |X|^2 and 10 log10(|X|^2 + eps), then stft_adjoint_resident.)");
 }
 
+void bind_istft_adjoint(py::module_& m) {
+  m.def(
+      "istft_adjoint_resident",
+      [](uintptr_t gy_ptr, uintptr_t gz_ptr, int64_t batch, int64_t length, int64_t n_fft,
+         int64_t hop, bool center, int64_t frames, const py::object& window, int prec, int device,
+         uintptr_t stream) {
+        const WindowArgument argument(window);
+        ops::istft_adjoint_resident({.gy = reinterpret_cast<devptr_t>(gy_ptr),
+                                     .gz = reinterpret_cast<devptr_t>(gz_ptr),
+                                     .batch = batch,
+                                     .length = length,
+                                     .n_fft = n_fft,
+                                     .hop = hop,
+                                     .center = center,
+                                     .frames = frames,
+                                     .window = argument.spec,
+                                     .device = device,
+                                     .stream = reinterpret_cast<stream_t>(stream)},
+                                    prec);
+      },
+      py::arg("gy_ptr"), py::arg("gz_ptr"), py::arg("batch"), py::arg("length"), py::arg("n_fft"),
+      py::arg("hop"), py::arg("center"), py::arg("frames"), py::arg("window"), py::arg("prec"),
+      py::arg("device") = 0, py::arg("stream") = 0,
+      R"(Gradient of a function E of signals y = istft(Z) with respect to the spectrogram Z; queues the work on `stream`
+and returns.
+
+gy_ptr: address on `device` of dE/dy, (batch, length) reals, row-major; samples that the forward pass does not make
+have no gradient to hand on. gz_ptr: address of (batch, frames, n_fft // 2 + 1) complex values, row-major, which are
+overwritten with dE/dRe Z + i dE/dIm Z. The imaginary parts of bin 0 and, for even n_fft, of the last bin are 0, as the
+forward pass ignores them; every other bin counts for its mirror as well.
+Samples whose squared windows sum to at most 1e-8 pass no gradient.
+n_fft, hop, center, window: as in istft_staged. prec: 1 float, 2 double; half storage is refused.
+stream: raw handle, 0 the null stream.
+Pointers are not checked. Raises ValueError for sizes out of bounds and for half, RuntimeError when HIP fails.
+Source: the transpose of the synthesis in D. W. Griffin and J. S. Lim, Signal estimation from modified short-time
+Fourier transform, IEEE Trans. ASSP 32, 1984.)");
+}
+
 }  // namespace
 
 void bind_stft_gradients(py::module_& m) {
   bind_stft_adjoint(m);
   bind_stft_adjoint_mode(m);
+  bind_istft_adjoint(m);
 }
 
 }  // namespace kevra::bindings
