@@ -44,6 +44,8 @@ Family conv_pad_family();
 Family conv_multiply_family();
 Family conv_slice_family();
 Family conv_direct_family();
+Family conv_stage_family();
+Family conv_row_sum_family();
 Family gl_mul_family();
 Family gl_step_family();
 Family cqt_family();

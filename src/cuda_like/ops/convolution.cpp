@@ -7,19 +7,14 @@
 #include "codegen/kernels/convolution.h"
 #include "codegen/precision.h"
 #include "cuda_like/ops/chunks.h"
-#include "cuda_like/ops/fft.h"
+#include "cuda_like/ops/convolution_steps.h"
 #include "cuda_like/ops/guards.h"
-#include "cuda_like/ops/rfft.h"
 
 namespace kevra::ops {
 namespace {
 
 using codegen::ConvDirectKernel;
-using codegen::ConvMultiplyKernel;
 using codegen::ConvPadKernel;
-using codegen::ConvSliceKernel;
-
-constexpr unsigned kBlock = 256;
 
 void check_sizes(const char* op, const ConvolutionCall& call) {
   require_int32(op, "rows", call.rows, 0);
@@ -48,22 +43,9 @@ bool is_empty(const ConvolutionCall& call) {
   return call.rows == 0 || call.outlen == 0;
 }
 
-// Where and how one call's kernels run.
-struct Queue {
-  int prec;
-  int device;
-  stream_t stream;
-
-  // One thread to a value of `width` a row.
-  void launch(kernel_t fn, int64_t width, int64_t rows, void** args, const char* name) const {
-    launch_kernel(fn, static_cast<unsigned>((width + kBlock - 1) / kBlock),
-                  static_cast<unsigned>(rows), kBlock, 0, args, name, stream);
-  }
-};
-
 // rows x n stored values to rows x plen values of T.
 template <class T>
-void pad(const Queue& queue, devptr_t x, devptr_t out, int64_t rows, int64_t n, int64_t plen) {
+void pad(const ConvQueue& queue, devptr_t x, devptr_t out, int64_t rows, int64_t n, int64_t plen) {
   const ConvPadKernel kernel{queue.prec};
   const kernel_t fn = kernel_function(kernel, queue.device);
   const size_t stored = queue.prec == codegen::kHalf ? 2 : sizeof(T);
@@ -75,39 +57,10 @@ void pad(const Queue& queue, devptr_t x, devptr_t out, int64_t rows, int64_t n, 
   });
 }
 
-// z *= w over spectra of nb bins.
 template <class T>
-void multiply(const Queue& queue, devptr_t w, devptr_t z, int64_t rows, int64_t nb, bool share_w) {
-  const ConvMultiplyKernel kernel{queue.prec};
-  const kernel_t fn = kernel_function(kernel, queue.device);
-  int w_stride = share_w ? 0 : 1;
-  in_chunks(rows, [&](int64_t first, int64_t count) {
-    char* factor = at(w, w_stride * first * nb, 2 * sizeof(T));
-    char* product = at(z, first * nb, 2 * sizeof(T));
-    void* args[] = {&factor, &product, &nb, &w_stride};
-    queue.launch(fn, nb, count, args, kernel.kName);
-  });
-}
-
-template <class T>
-void slice(const Queue& queue, devptr_t x, int64_t nf, const ConvolutionCall& call) {
-  const ConvSliceKernel kernel{queue.prec};
-  const kernel_t fn = kernel_function(kernel, queue.device);
-  const size_t stored = queue.prec == codegen::kHalf ? 2 : sizeof(T);
-  int64_t start = call.start;
-  int64_t outlen = call.outlen;
-  in_chunks(call.rows, [&](int64_t first, int64_t count) {
-    char* from = at(x, first * nf, sizeof(T));
-    char* to = at(call.y, first * outlen, stored);
-    void* args[] = {&from, &to, &nf, &start, &outlen};
-    queue.launch(fn, outlen, count, args, kernel.kName);
-  });
-}
-
-template <class T>
-void conv_fft(const ConvolutionCall& call, int64_t nf, const Queue& queue) {
+void conv_fft(const ConvolutionCall& call, int64_t nf, const ConvQueue& queue) {
   const int64_t rows_b = call.shares_b() ? 1 : call.rows;
-  const int64_t nb = nf / 2 + 1;
+  const int64_t nb = queue.bins(nf);
   const auto buffer = [&](int64_t count) {
     return DeviceBuffer(static_cast<size_t>(count) * sizeof(T), queue.stream);
   };
@@ -118,24 +71,15 @@ void conv_fft(const ConvolutionCall& call, int64_t nf, const Queue& queue) {
 
   const DeviceBuffer a_spectrum = buffer(call.rows * nb * 2);
   const DeviceBuffer b_spectrum = buffer(rows_b * nb * 2);
-  const auto transform = [&](devptr_t x, devptr_t out, int64_t rows, bool inverse) {
-    rfft_dispatch<T>({.x = x,
-                      .out = out,
-                      .rows = rows,
-                      .n = static_cast<int>(nf),
-                      .inverse = inverse,
-                      .device = queue.device,
-                      .stream = queue.stream});
-  };
-  transform(a.p, a_spectrum.p, call.rows, false);
-  transform(b.p, b_spectrum.p, rows_b, false);
-  multiply<T>(queue, b_spectrum.p, a_spectrum.p, call.rows, nb, call.shares_b());
-  transform(a_spectrum.p, a.p, call.rows, true);
-  slice<T>(queue, a.p, nf, call);
+  transform_rows<T>(queue, a.p, a_spectrum.p, call.rows, nf, false);
+  transform_rows<T>(queue, b.p, b_spectrum.p, rows_b, nf, false);
+  multiply_spectra<T>(queue, b_spectrum.p, a_spectrum.p, call.rows, nb, call.shares_b());
+  transform_rows<T>(queue, a_spectrum.p, a.p, call.rows, nf, true);
+  cut_rows<T>(queue, a.p, {nf, call.start, call.outlen}, call.rows, call.y);
 }
 
 template <class T>
-void conv_cplx(const ConvolutionCall& call, int64_t nf, const Queue& queue) {
+void conv_cplx(const ConvolutionCall& call, int64_t nf, const ConvQueue& queue) {
   constexpr size_t kElement = 2 * sizeof(T);
   const int64_t rows_b = call.shares_b() ? 1 : call.rows;
   const DeviceBuffer a(static_cast<size_t>(call.rows * nf) * kElement, queue.stream);
@@ -145,29 +89,11 @@ void conv_cplx(const ConvolutionCall& call, int64_t nf, const Queue& queue) {
   pad<T>(queue, call.b, b.p, rows_b, 2 * call.m, 2 * nf);
 
   // In place, since the padded rows are not needed again.
-  const auto transform = [&](devptr_t x, int64_t rows, bool inverse) {
-    fft_dispatch<T>({.x = x,
-                     .out = x,
-                     .rows = rows,
-                     .n = static_cast<int>(nf),
-                     .inverse = inverse,
-                     .device = queue.device,
-                     .stream = queue.stream});
-  };
-  transform(a.p, call.rows, false);
-  transform(b.p, rows_b, false);
-  multiply<T>(queue, b.p, a.p, call.rows, nf, call.shares_b());
-  transform(a.p, call.rows, true);
-
-  const size_t out_bytes = static_cast<size_t>(call.outlen) * kElement;
-  const Copy2D c{.src = {.x_bytes = static_cast<size_t>(call.start) * kElement,
-                         .address = a.p,
-                         .pitch = static_cast<size_t>(nf) * kElement},
-                 .dst = {.address = call.y, .pitch = out_bytes},
-                 .width_bytes = out_bytes,
-                 .height = static_cast<size_t>(call.rows)};
-  const stream_t stream = queue.stream;
-  KEVRA_CHECK(memcpy2DAsync(&c, (stream_t)stream));
+  transform_rows<T>(queue, a.p, a.p, call.rows, nf, false);
+  transform_rows<T>(queue, b.p, b.p, rows_b, nf, false);
+  multiply_spectra<T>(queue, b.p, a.p, call.rows, nf, call.shares_b());
+  transform_rows<T>(queue, a.p, a.p, call.rows, nf, true);
+  cut_rows<T>(queue, a.p, {nf, call.start, call.outlen}, call.rows, call.y);
 }
 
 // The texts of shapes that do not fit, which differ by family.
@@ -217,7 +143,7 @@ void conv_fft_resident(const ConvolutionCall& call, int64_t nf, int prec, int de
   check_transform("conv_fft", call, nf);
   select_device(device);
   if (is_empty(call)) return;
-  const Queue queue{prec, device, stream};
+  const ConvQueue queue{prec, device, stream};
   prec == codegen::kDouble ? conv_fft<double>(call, nf, queue) : conv_fft<float>(call, nf, queue);
 }
 
@@ -226,7 +152,7 @@ void conv_cplx_resident(const ConvolutionCall& call, int64_t nf, int prec, int d
   check_transform("conv_cplx", call, nf);
   select_device(device);
   if (is_empty(call)) return;
-  const Queue queue{codegen::compute_precision(prec), device, stream};
+  const ConvQueue queue{codegen::compute_precision(prec), device, stream, true};
   prec == codegen::kDouble ? conv_cplx<double>(call, nf, queue) : conv_cplx<float>(call, nf, queue);
 }
 
@@ -234,7 +160,7 @@ void conv_direct_resident(const ConvolutionCall& call, int prec, int device, str
   check_sizes("conv_direct", call);
   select_device(device);
   if (is_empty(call)) return;
-  const Queue queue{prec, device, stream};
+  const ConvQueue queue{prec, device, stream};
   const ConvDirectKernel kernel{prec};
   const kernel_t fn = kernel_function(kernel, queue.device);
   const int storage = codegen::storage_precision(prec);

@@ -3,6 +3,7 @@
 #include <complex>
 #include <cstdint>
 
+#include "cuda_like/ops/convolution_adjoint.h"
 #include "rocm/bindings/arrays.h"
 #include "rocm/bindings/bindings.h"
 
@@ -101,6 +102,50 @@ Pointers are not checked. Nothing is queued for no output. Raises ValueError for
 when HIP fails.)");
 }
 
+void bind_conv_adjoint(py::module_& m) {
+  m.def(
+      "conv_adjoint_resident",
+      [](uintptr_t gy, uintptr_t w, uintptr_t out, int64_t rows, int64_t rows_w, int64_t len_g,
+         int64_t len_w, int64_t nf, int64_t off, int64_t sl_start, int64_t sl_len, bool sum_rows,
+         bool cplx, int prec, int device, uintptr_t stream) {
+        ops::conv_adjoint_resident({.gy = reinterpret_cast<devptr_t>(gy),
+                                    .w = reinterpret_cast<devptr_t>(w),
+                                    .out = reinterpret_cast<devptr_t>(out),
+                                    .rows = rows,
+                                    .rows_w = rows_w,
+                                    .len_g = len_g,
+                                    .len_w = len_w,
+                                    .nf = nf,
+                                    .off = off,
+                                    .sl_start = sl_start,
+                                    .sl_len = sl_len,
+                                    .sum_rows = sum_rows,
+                                    .is_complex = cplx},
+                                   prec, device, reinterpret_cast<stream_t>(stream));
+      },
+      py::arg("gy_ptr"), py::arg("w_ptr"), py::arg("out_ptr"), py::arg("rows"), py::arg("rows_w"),
+      py::arg("len_g"), py::arg("len_w"), py::arg("nf"), py::arg("off"), py::arg("sl_start"),
+      py::arg("sl_len"), py::arg("sum_rows"), py::arg("cplx"), py::arg("prec"),
+      py::arg("device") = 0, py::arg("stream") = 0,
+      R"(Correlation of every row through transforms of length nf, of which the gradient of a convolution with respect to
+either operand is made; queues the work on `stream` and returns.
+
+With row r of gy at offset `off` of nf zeros, p, and w turned around and conjugated at the start of nf zeros,
+q[j] = conj(w[len_w - 1 - j]), c is the circular convolution of p and q, and row r of the result is c[sl_start] to
+c[sl_start + sl_len - 1]. With sl_start = len_w - 1, sample t is the sum over i of p[i] conj(w[i - t]).
+y = conv_fft_resident(a, b) of n and m samples, cut at `start`, has from its gradient gy the gradient of a by w = b,
+off = start, sl_start = m - 1, sl_len = n; of b by w = a, off = start, sl_start = n - 1, sl_len = m, and sum_rows where
+one b served all rows. nf is at least n + m - 1.
+
+gy_ptr, w_ptr, out_ptr: addresses on `device` of (rows, len_g), (rows_w, len_w) and (rows, sl_len) samples, row-major,
+with cplx complex and interleaved. rows_w: rows, or another number for one w, the first row, that all rows share.
+sum_rows: adds the rows of the result, in their order, into one of (sl_len). Of no rows that is 0.
+prec: 0 half storage with float arithmetic, with cplx float; 2 double, else float. stream: raw handle, 0 the null stream.
+Pointers are not checked. Raises ValueError for what does not fit into nf, RuntimeError when HIP fails.
+Source: A. V. Oppenheim and R. W. Schafer, Discrete-Time Signal Processing, 1989, section 2.9; T. G. Stockham, High-speed
+convolution and correlation, AFIPS 1966.)");
+}
+
 }  // namespace
 
 void bind_convolution(py::module_& m) {
@@ -153,6 +198,7 @@ prec: 2 double, else float. stream: raw handle, 0 the null stream.
 Pointers are not checked. Nothing is queued for no output. Raises ValueError for sizes out of bounds, RuntimeError
 when HIP fails.)");
   bind_conv_direct(m);
+  bind_conv_adjoint(m);
 }
 
 }  // namespace kevra::bindings
