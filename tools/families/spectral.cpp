@@ -74,8 +74,9 @@ Kernel make_spectral(const Values& values) {
 Kernel make_contrast(const Values& values) {
   const int64_t pad = padded(values);
   const auto kernel = codegen::ContrastKernel::chosen(values.at("prec"), pad, kSharedLimit);
-  const size_t shared = kernel.histogram ? kernel.kHistogramBytes : kernel.sort_bytes(pad);
-  return {kernel.name(), kernel.key(), kernel.kBlock, shared, true, kernel.source(hip)};
+  return {kernel.name(), kernel.key(),
+          kernel.kBlock, static_cast<size_t>(kernel.shared_bytes(pad)),
+          true,          kernel.source(hip)};
 }
 
 const Parameter stat{"stat", codegen::kCentroid, codegen::kCentroid, codegen::kRolloff,

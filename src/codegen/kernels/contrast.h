@@ -9,6 +9,7 @@
 
 #include "codegen/backend.h"
 #include "codegen/kernel_writer.h"
+#include "codegen/kernels/band_select.h"
 #include "codegen/precision.h"
 
 namespace kevra::codegen {
@@ -34,16 +35,15 @@ void emit_sorted_contrast(KernelWriter& w, const BandRow& row);
 struct ContrastKernel {
   static constexpr const char* kSort = "kevra_contrast";
   static constexpr const char* kHistogram = "kevra_contrastg";
-  static constexpr int kBlock = 256;
-  // 256 floats, 256 counts, and eight of both that the block shares.
-  static constexpr size_t kHistogramBytes = (256 + 256 + 8 + 8) * 4;
+  static constexpr int kBlock = kHistogramBlock;
 
   int prec;
   bool histogram;
 
   // The sort where `limit` bytes hold band_pad values of the arithmetic.
   static ContrastKernel chosen(int prec, int64_t band_pad, int64_t limit);
-  int64_t sort_bytes(int64_t band_pad) const {
+  int64_t shared_bytes(int64_t band_pad) const {
+    if (histogram) return kHistogramBytes;
     return band_pad * (compute_precision(prec) == kDouble ? 8 : 4);
   }
 

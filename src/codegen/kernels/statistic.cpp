@@ -11,42 +11,9 @@ std::string type_of(const KernelWriter& w) {
   return w.backend.scalar_type(w.prec);
 }
 
-// v: every magnitude of the row once, by all threads of the row.
-void each_magnitude(KernelWriter& w, const StatisticRow& row, const std::function<void()>& body) {
-  w.stmt("for ($ i = tid; i < $; i += $) {", row.index, row.count, row.threads);
-  w.stmt("$ v = $;", type_of(w), row.value);
-  body();
-  w.stmt("}");
-}
-
-void emit_halving(KernelWriter& w, const StatisticRow& row, const char* sums) {
-  w.stmt("for (int rs = $ / 2; rs > 0; rs >>= 1) {", row.threads);
-  w.stmt("if (tid < rs) { $ }", sums);
-  w.barrier();
-  w.stmt("}");
-}
-
-// red0[0] and red1[0]: the sums of m and of f m; of w = max(m^2, amin) and of its logarithm for the
-// flatness.
-void emit_sums(KernelWriter& w, int stat, const StatisticRow& row) {
-  const std::string t = type_of(w);
-  w.stmt("$ a0 = ($)0, a1 = ($)0;", t, t, t);
-  each_magnitude(w, row, [&] {
-    if (stat == kFlatness) {
-      w.stmt("$ pw = v * v; if (pw < amin) pw = amin;", t);
-      w.stmt("a0 += pw; a1 += $;", w.log_of("pw"));
-    } else {
-      w.stmt("a0 += v; a1 += (fstep * ($)i) * v;", t);
-    }
-  });
-  w.stmt("red0[tid] = a0; red1[tid] = a1;");
-  w.barrier();
-  emit_halving(w, row, "red0[tid] += red0[tid + rs]; red1[tid] += red1[tid + rs];");
-}
-
-// den: the sum of magnitudes, which silence must not make a zero to divide by.
+// den: the sum of magnitudes, or the floor under it.
 void emit_denominator(KernelWriter& w) {
-  const char* floor = w.prec == kDouble ? "(double)1e-10" : "1e-10f";
+  const std::string floor = least_sum(w);
   w.stmt("$ den = red0[0]; if (den < $) den = $;", type_of(w), floor, floor);
 }
 
@@ -85,8 +52,42 @@ void emit_rolloff(KernelWriter& w, const StatisticRow& row) {
 
 }  // namespace
 
+std::string least_sum(const KernelWriter& w) {
+  return w.prec == kDouble ? "(double)1e-10" : "1e-10f";
+}
+
+void each_magnitude(KernelWriter& w, const StatisticRow& row, const std::function<void()>& body) {
+  w.stmt("for ($ i = tid; i < $; i += $) {", row.index, row.count, row.threads);
+  w.stmt("$ v = $;", type_of(w), row.value);
+  body();
+  w.stmt("}");
+}
+
+void emit_halving(KernelWriter& w, const StatisticRow& row, const char* sums) {
+  w.stmt("for (int rs = $ / 2; rs > 0; rs >>= 1) {", row.threads);
+  w.stmt("if (tid < rs) { $ }", sums);
+  w.barrier();
+  w.stmt("}");
+}
+
+void emit_statistic_sums(KernelWriter& w, int stat, const StatisticRow& row) {
+  const std::string t = type_of(w);
+  w.stmt("$ a0 = ($)0, a1 = ($)0;", t, t, t);
+  each_magnitude(w, row, [&] {
+    if (stat == kFlatness) {
+      w.stmt("$ pw = v * v; if (pw < amin) pw = amin;", t);
+      w.stmt("a0 += pw; a1 += $;", w.log_of("pw"));
+    } else {
+      w.stmt("a0 += v; a1 += (fstep * ($)i) * v;", t);
+    }
+  });
+  w.stmt("red0[tid] = a0; red1[tid] = a1;");
+  w.barrier();
+  emit_halving(w, row, "red0[tid] += red0[tid + rs]; red1[tid] += red1[tid + rs];");
+}
+
 void emit_statistic(KernelWriter& w, int stat, const StatisticRow& row) {
-  emit_sums(w, stat, row);
+  emit_statistic_sums(w, stat, row);
   if (stat == kBandwidth) return emit_bandwidth(w, row);
   if (stat == kRolloff) return emit_rolloff(w, row);
   w.if_block(row.first, [&] {

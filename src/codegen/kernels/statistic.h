@@ -21,6 +21,19 @@ struct StatisticRow {
   std::function<void(const std::string& value)> store;
 };
 
+// The floor under the sum of magnitudes, which silence must not make a zero to divide by.
+std::string least_sum(const KernelWriter& w);
+
+// v: every magnitude of the row once, by all threads of the row.
+void each_magnitude(KernelWriter& w, const StatisticRow& row, const std::function<void()>& body);
+
+// Halves the threads until the first is left; `sums` adds the one at tid + rs to the one at tid.
+void emit_halving(KernelWriter& w, const StatisticRow& row, const char* sums);
+
+// red0[0] and red1[0]: the sums of m and of f m; of w = max(m^2, amin) and of its logarithm for the
+// flatness.
+void emit_statistic_sums(KernelWriter& w, int stat, const StatisticRow& row);
+
 // Reduces and stores. No thread may have left: barriers stand outside every guard.
 void emit_statistic(KernelWriter& w, int stat, const StatisticRow& row);
 

@@ -22,8 +22,9 @@ constexpr double kBasis[TonnetzKernel::kCoordinates][TonnetzKernel::kClasses] = 
     {0.5, -0.25, -0.25, 0.5, -0.25, -0.25, 0.5, -0.25, -0.25, 0.5, -0.25, -0.25},
 };
 
-// A device function of cases, which unrolled loops turn into literals.
-std::string basis_function(const Backend& backend, const std::string& t) {
+}  // namespace
+
+std::string tonnetz_basis_function(const Backend& backend, const std::string& t) {
   std::string text = backend.device_inline() + t + " kevra_tonnetz_basis(int d, int p) {\n";
   text += "  switch (d) {\n";
   for (int d = 0; d < TonnetzKernel::kCoordinates; ++d) {
@@ -36,8 +37,6 @@ std::string basis_function(const Backend& backend, const std::string& t) {
   }
   return text + format("  }\n  return ($)0;\n}\n", {t});
 }
-
-}  // namespace
 
 std::string TonnetzKernel::source(const Backend& backend) const {
   const int storage = storage_precision(prec);
@@ -55,7 +54,8 @@ std::string TonnetzKernel::source(const Backend& backend) const {
   w.stmt("  out[row * $ + d] = $;", kCoordinates,
          backend.convert_scalar(storage, "sum > 0 ? value / sum : (" + t + ")0"));
   w.stmt("}");
-  return backend.source_preamble(storage) + i64_prelude(backend) + basis_function(backend, t) +
+  return backend.source_preamble(storage) + i64_prelude(backend) +
+         tonnetz_basis_function(backend, t) +
          KernelSignature(kName, backend)
              .add_const_pointer(s, "c")
              .add_pointer(s, "out")

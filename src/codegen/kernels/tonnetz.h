@@ -8,6 +8,10 @@
 
 namespace kevra::codegen {
 
+// kevra_tonnetz_basis(d, p) of type `t`: a device function of cases, which unrolled loops turn into
+// literals.
+std::string tonnetz_basis_function(const Backend& backend, const std::string& t);
+
 // out[row][d] = sum over p of basis[d][p] c[row][p] / sum over p of c[row][p], and 0 where that sum
 // is not positive. A thread has a row. Takes (c, out, rows).
 struct TonnetzKernel {

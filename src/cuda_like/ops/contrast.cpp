@@ -16,7 +16,7 @@ void reduce(devptr_t m, devptr_t out, int64_t rows, int64_t n, const ContrastOpt
   const int64_t pad = band_pad(contrast.bands);
   const ContrastKernel kernel = ContrastKernel::chosen(prec, pad, device_shared_limit(device));
   const kernel_t fn = kernel_function(kernel, device);
-  const size_t shared = kernel.histogram ? kernel.kHistogramBytes : kernel.sort_bytes(pad);
+  const size_t shared = kernel.shared_bytes(pad);
   const size_t stored = prec == codegen::kHalf ? 2 : sizeof(T);
   int n_bands = static_cast<int>(contrast.bands.n_bands);
   devptr_t bt = upload_bands(contrast.bands);

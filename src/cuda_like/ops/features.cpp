@@ -16,6 +16,17 @@ bool needs_reflection(const RmsShape& s, int64_t pad) {
   return pad > 0 || s.frame_length - pad + (s.frames - 1) * s.hop > s.length;
 }
 
+int64_t rms_frames(int64_t samples, int64_t frame_length, int64_t hop, bool center) {
+  if (center) return (samples - frame_length % 2) / hop + 1;
+  if (samples < frame_length) {
+    throw std::invalid_argument("input of " + std::to_string(samples) +
+                                " samples is shorter than n_fft with center=False");
+  }
+  return (samples - frame_length) / hop + 1;
+}
+
+}  // namespace
+
 void check_rms(const RmsShape& s) {
   require_at_least("rms", "batch", s.batch, 1);
   require_at_least("rms", "length", s.length, 1);
@@ -34,17 +45,6 @@ void check_rms(const RmsShape& s) {
         "since one sample cannot be reflected");
   }
 }
-
-int64_t rms_frames(int64_t samples, int64_t frame_length, int64_t hop, bool center) {
-  if (center) return (samples - frame_length % 2) / hop + 1;
-  if (samples < frame_length) {
-    throw std::invalid_argument("input of " + std::to_string(samples) +
-                                " samples is shorter than n_fft with center=False");
-  }
-  return (samples - frame_length) / hop + 1;
-}
-
-}  // namespace
 
 void rms_resident(devptr_t x, devptr_t out, const RmsShape& shape, int prec, int device,
                   stream_t stream) {

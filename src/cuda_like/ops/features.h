@@ -19,6 +19,9 @@ struct RmsShape {
   bool center;
 };
 
+// Throws std::invalid_argument for sizes out of bounds.
+void check_rms(const RmsShape& shape);
+
 void rms_resident(devptr_t x, devptr_t out, const RmsShape& shape, int prec, int device,
                   stream_t stream);
 

@@ -9,8 +9,6 @@
 #include "cuda_like/transpose.h"
 
 namespace kevra::ops {
-namespace {
-
 void check_onset(int64_t batch, int64_t frames, int64_t bins) {
   constexpr const char* kOp = "onset_strength";
   require_at_least(kOp, "batch", batch, 0);
@@ -22,8 +20,6 @@ void check_onset(int64_t batch, int64_t frames, int64_t bins) {
   require_at_most(kOp, "frames", frames, kGridLimit);
   require_at_most(kOp, "batch x frames", batch * frames, kGridLimit);
 }
-
-}  // namespace
 
 void onset_strength_resident(devptr_t m, devptr_t out, int64_t batch, int64_t frames, int64_t bins,
                              int prec, int device, stream_t stream) {

@@ -8,6 +8,9 @@
 
 namespace kevra::ops {
 
+// Throws std::invalid_argument for sizes out of bounds.
+void check_onset(int64_t batch, int64_t frames, int64_t bins);
+
 // m is (batch, frames, bins), out (batch, frames). Nothing is queued for no frames.
 void onset_strength_resident(devptr_t m, devptr_t out, int64_t batch, int64_t frames, int64_t bins,
                              int prec, int device, stream_t stream);

@@ -15,17 +15,6 @@ namespace {
 
 using codegen::SpectralKernel;
 
-void check_statistic(const SpectralStatistic& s) {
-  if (s.stat < codegen::kCentroid || s.stat > codegen::kRolloff) {
-    throw std::invalid_argument(
-        "spectral: stat is " + std::to_string(s.stat) +
-        ", must be 0 (centroid), 1 (bandwidth), 2 (flatness) or 3 (rolloff)");
-  }
-  if (s.stat == codegen::kBandwidth && !(s.p > 0 && std::isfinite(s.p))) {
-    throw std::invalid_argument("spectral: p is " + shown(s.p) + ", must be finite and above 0");
-  }
-}
-
 template <class T>
 void reduce(devptr_t m, devptr_t out, int64_t rows, int64_t n, const SpectralStatistic& s, int prec,
             int device, stream_t stream) {
@@ -46,6 +35,17 @@ void reduce(devptr_t m, devptr_t out, int64_t rows, int64_t n, const SpectralSta
 }
 
 }  // namespace
+
+void check_statistic(const SpectralStatistic& s) {
+  if (s.stat < codegen::kCentroid || s.stat > codegen::kRolloff) {
+    throw std::invalid_argument(
+        "spectral: stat is " + std::to_string(s.stat) +
+        ", must be 0 (centroid), 1 (bandwidth), 2 (flatness) or 3 (rolloff)");
+  }
+  if (s.stat == codegen::kBandwidth && !(s.p > 0 && std::isfinite(s.p))) {
+    throw std::invalid_argument("spectral: p is " + shown(s.p) + ", must be finite and above 0");
+  }
+}
 
 bool spectral_signal_resident(const StftCall& call, const SpectralStatistic& s, int prec) {
   if (prec == codegen::kHalf) return false;

@@ -22,6 +22,8 @@ struct SpectralStatistic {
 // All throw std::invalid_argument for a stat, an exponent and sizes out of bounds before anything
 // is queued.
 
+void check_statistic(const SpectralStatistic& statistic);
+
 // y is (batch, length), out (batch, frames), as frame_statistic tells; false for half storage, too.
 bool spectral_signal_resident(const StftCall& call, const SpectralStatistic& statistic, int prec);
 

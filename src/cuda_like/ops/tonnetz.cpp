@@ -11,15 +11,20 @@ namespace kevra::ops {
 
 using codegen::TonnetzKernel;
 
-void tonnetz_resident(devptr_t c, devptr_t out, int64_t rows, int prec, int device,
-                      stream_t stream) {
+void check_tonnetz(int64_t rows) {
   require_at_least("tonnetz", "rows", rows, 0);
   // Grid x is a 31-bit quantity.
   constexpr int64_t kBlock = TonnetzKernel::kBlock;
   require_at_most("tonnetz", "rows", rows, (int64_t{1} << 31) * kBlock - kBlock);
+}
+
+void tonnetz_resident(devptr_t c, devptr_t out, int64_t rows, int prec, int device,
+                      stream_t stream) {
+  check_tonnetz(rows);
   select_device(device);
   if (rows == 0) return;
 
+  constexpr int64_t kBlock = TonnetzKernel::kBlock;
   const TonnetzKernel kernel{prec};
   kernel_t fn = kernel_function(kernel, device);
   void* args[] = {&c, &out, &rows};

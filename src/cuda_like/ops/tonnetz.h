@@ -8,6 +8,9 @@
 
 namespace kevra::ops {
 
+// Throws std::invalid_argument for rows out of bounds.
+void check_tonnetz(int64_t rows);
+
 // rows x 12 values in, rows x 6 out. Nothing is queued for no rows.
 void tonnetz_resident(devptr_t c, devptr_t out, int64_t rows, int prec, int device,
                       stream_t stream);

@@ -1,13 +1,10 @@
 #include "cuda_like/ops/spectral.h"
 
 #include <cstdint>
-#include <limits>
-#include <stdexcept>
-#include <string>
-#include <string_view>
 
 #include "cuda_like/ops/contrast.h"
 #include "rocm/bindings/arrays.h"
+#include "rocm/bindings/bands.h"
 #include "rocm/bindings/bindings.h"
 #include "rocm/bindings/windows.h"
 
@@ -15,47 +12,6 @@ namespace py = pybind11;
 
 namespace kevra::bindings {
 namespace {
-
-using WholeNumbers = py::array_t<int32_t, py::array::c_style | py::array::forcecast>;
-
-// Edges or counts; used in place where they are int32.
-WholeNumbers whole_numbers(const char* name, const py::object& object) {
-  using Limits = std::numeric_limits<int32_t>;
-  const py::array array = py::array::ensure(object);
-  constexpr std::string_view kWhole = "iub";
-  // numpy takes an empty list for floats
-  const bool whole =
-      array && (array.size() == 0 || kWhole.find(array.dtype().kind()) != kWhole.npos);
-  if (!whole || array.ndim() != 1) {
-    throw std::invalid_argument(std::string("contrast: ") + name +
-                                " must be a 1-D array of whole numbers");
-  }
-  const bool narrow = array.dtype().kind() == 'i' && array.itemsize() == sizeof(int32_t);
-  if (!narrow) {
-    const py::array_t<int64_t, py::array::c_style | py::array::forcecast> wide(array);
-    for (py::ssize_t i = 0; i < wide.size(); ++i) {
-      if (wide.data()[i] < Limits::min() || wide.data()[i] > Limits::max()) {
-        throw std::invalid_argument(std::string("contrast: ") + name + "[" + std::to_string(i) +
-                                    "] is " + std::to_string(wide.data()[i]) +
-                                    ", must fit 32 bits");
-      }
-    }
-  }
-  return WholeNumbers(array);
-}
-
-// The bands of Python callers. Lives as long as the call that it is the argument of.
-struct BandArgument {
-  BandArgument(const py::object& edges, const py::object& counts)
-      : bt(whole_numbers("bt", edges)), bq(whole_numbers("bq", counts)) {}
-
-  ops::ContrastOptions options(double amin, bool linear) const {
-    return {{bt.data(), bt.size(), bq.data(), bq.size()}, amin, linear};
-  }
-
-  WholeNumbers bt;
-  WholeNumbers bq;
-};
 
 // These operations stage in double alone.
 ContiguousArray<double> double_input(const py::object& y) {
