@@ -54,5 +54,11 @@ Family cqt_pad_family();
 Family cqt_reduce_family();
 Family chroma_family();
 Family tonnetz_family();
+Family spectral_adjoint_family();
+Family contrast_adjoint_family();
+Family db_adjoint_family();
+Family rms_adjoint_family();
+Family onset_adjoint_family();
+Family tonnetz_adjoint_family();
 
 }  // namespace kevra_tools

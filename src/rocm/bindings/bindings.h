@@ -22,6 +22,7 @@ void bind_convolution(pybind11::module_& m);
 void bind_cqt(pybind11::module_& m);
 void bind_chroma(pybind11::module_& m);
 void bind_lfilter(pybind11::module_& m);
+void bind_feature_gradients(pybind11::module_& m);
 void bind_routing(pybind11::module_& m);
 
 }  // namespace kevra::bindings

@@ -20,5 +20,6 @@ PYBIND11_MODULE(_rocm, m) {
   kevra::bindings::bind_chroma(m);
   kevra::bindings::bind_convolution(m);
   kevra::bindings::bind_lfilter(m);
+  kevra::bindings::bind_feature_gradients(m);
   kevra::bindings::bind_routing(m);
 }
