@@ -42,6 +42,8 @@ const std::vector<Family>& families() {
                                        cqt_reduce_family(),
                                        chroma_family(),
                                        tonnetz_family(),
+                                       icqt_dual_family(),
+                                       icqt_overlap_family(),
                                        spectral_adjoint_family(),
                                        contrast_adjoint_family(),
                                        db_adjoint_family(),

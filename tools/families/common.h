@@ -60,5 +60,7 @@ Family db_adjoint_family();
 Family rms_adjoint_family();
 Family onset_adjoint_family();
 Family tonnetz_adjoint_family();
+Family icqt_dual_family();
+Family icqt_overlap_family();
 
 }  // namespace kevra_tools

@@ -6,6 +6,7 @@
 
 #include "codegen/kernels/chroma.h"
 #include "codegen/kernels/cqt_fused.h"
+#include "codegen/kernels/icqt.h"
 #include "codegen/kernels/tonnetz.h"
 #include "families/common.h"
 
@@ -19,6 +20,9 @@ constexpr int kBlock = 256;
 // The three storage precisions with nothing else to choose.
 const std::vector<Values> every_precision{
     {{"prec", codegen::kHalf}}, {{"prec", codegen::kFloat}}, {{"prec", codegen::kDouble}}};
+const Parameter arithmetic{"prec", codegen::kFloat, codegen::kFloat, codegen::kDouble,
+                           "1 float, 2 double"};
+const std::vector<Values> both_twins{{{"prec", codegen::kFloat}}, {{"prec", codegen::kDouble}}};
 const Parameter form{"form", 0, 0, 3, "0 complex, 1 magnitude, 2 power, 3 decibels"};
 
 Kernel make_fused(const Values& values) {
@@ -84,6 +88,14 @@ Kernel make_chroma(const Values& values) {
                                      codegen::storage_precision(prec)});
 }
 
+Kernel make_dual(const Values& values) {
+  return plain(codegen::IcqtDualKernel{values.at("prec")});
+}
+
+Kernel make_overlap(const Values& values) {
+  return plain(codegen::IcqtOverlapKernel{values.at("prec")});
+}
+
 Kernel make_tonnetz(const Values& values) {
   return plain(codegen::TonnetzKernel{values.at("prec")});
 }
@@ -131,6 +143,22 @@ Family chroma_family() {
           {precision, {"n_chroma", 12, 1, 1024, "classes"}},
           make_chroma,
           every_precision};
+}
+
+Family icqt_dual_family() {
+  return {"icqt_dual",
+          "spectra of frames from constant-Q bins by dual filters",
+          {arithmetic},
+          make_dual,
+          both_twins};
+}
+
+Family icqt_overlap_family() {
+  return {"icqt_overlap",
+          "mean of overlapping frames, added to a signal",
+          {arithmetic},
+          make_overlap,
+          both_twins};
 }
 
 Family tonnetz_family() {

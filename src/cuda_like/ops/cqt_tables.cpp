@@ -34,8 +34,12 @@ void keep_extents(const std::string& name, const Extents& extents) {
 }
 
 template <class T>
+const char* twin_suffix() {
+  return sizeof(T) == 8 ? "_8" : "_4";
+}
+template <class T>
 std::string table_prefix(const CqtDesign& design) {
-  return std::string(design.plan_key) + (sizeof(T) == 8 ? "_8" : "_4");
+  return std::string(design.plan_key) + twin_suffix<T>();
 }
 
 template <class T>
@@ -90,15 +94,17 @@ class Basis {
   std::optional<Values> values_;
 };
 
-void check_extents(const char* op, const CqtDesign& design, size_t index, const std::string& name) {
-  const LazyMatrix& basis = design.octaves[index].br;
+// `name` is the table's, `record` the record's that asks for it.
+void check_extents(const std::string& record, std::string_view plan_key, const std::string& name,
+                   const Extents& wanted, const char* what) {
   const std::optional<Extents> known = known_extents(name);
-  if (!known || *known == Extents{basis.rows, basis.cols}) return;
-  throw std::invalid_argument(
-      octave_name(op, index) + ": plan_key '" + std::string(design.plan_key) +
-      "' has stood for a basis of " + std::to_string(known->first) + " x " +
-      std::to_string(known->second) + " here, not of " + std::to_string(basis.rows) + " x " +
-      std::to_string(basis.cols) + "; give every design a plan_key of its own");
+  if (!known || *known == wanted) return;
+  const auto text = [](const Extents& e) {
+    return std::to_string(e.first) + " x " + std::to_string(e.second);
+  };
+  throw std::invalid_argument(record + ": plan_key '" + std::string(plan_key) + "' has stood for " +
+                              what + " of " + text(*known) + " here, not of " + text(wanted) +
+                              "; give every design a plan_key of its own");
 }
 
 }  // namespace
@@ -108,7 +114,8 @@ CqtOctave octave_tables(const char* op, const CqtDesign& design, size_t index) {
   const CqtRecord& r = design.octaves[index];
   const std::string suffix = "_o" + std::to_string(index);
   const std::string known_as = std::string(design.plan_key) + suffix;
-  check_extents(op, design, index, known_as);
+  check_extents(octave_name(op, index), design.plan_key, known_as, {r.br.rows, r.br.cols},
+                "a basis");
 
   const std::string prefix = table_prefix<T>(design) + suffix;
   Basis<T> basis(r);
@@ -135,6 +142,21 @@ CqtOctave octave_tables(const char* op, const CqtDesign& design, size_t index) {
 
 template CqtOctave octave_tables<float>(const char*, const CqtDesign&, size_t);
 template CqtOctave octave_tables<double>(const char*, const CqtDesign&, size_t);
+
+template <class T>
+devptr_t dual_table(const char* op, std::string_view plan_key, const DualRecord& record,
+                    size_t index) {
+  const std::string known_as = std::string(plan_key) + "_icd" + std::to_string(record.shift);
+  const Extents extents{record.rows, record.half()};
+  check_extents(octave_name(op, index), plan_key, known_as, extents, "dual filters");
+  devptr_t table = device_vector_table<T>(known_as + twin_suffix<T>(),
+                                          [&] { return converted<T>(record.filters.read()); });
+  keep_extents(known_as, extents);
+  return table;
+}
+
+template devptr_t dual_table<float>(const char*, std::string_view, const DualRecord&, size_t);
+template devptr_t dual_table<double>(const char*, std::string_view, const DualRecord&, size_t);
 
 template <class T>
 devptr_t taps_table(const CqtDesign& design) {

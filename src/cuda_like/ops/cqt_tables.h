@@ -32,6 +32,25 @@ CqtOctave octave_tables(const char* op, const CqtDesign& design, size_t index);
 template <class T>
 devptr_t taps_table(const CqtDesign& design);
 
+// An octave of dual filters, for frames of n_d samples of a signal whose rate is 2^shift times
+// lower than that of the result: `filters` has rows x n_d / 2 + 1 complex values, real and
+// imaginary parts in turn.
+struct DualRecord {
+  int64_t shift;
+  int64_t n_d;
+  int64_t row_lo;
+  int64_t rows;
+  LazyMatrix filters;
+
+  int64_t half() const { return n_d / 2 + 1; }
+  int64_t span() const { return n_d << shift; }  // samples of a frame of the result
+  int64_t half_at_full_rate() const { return span() / 2 + 1; }
+};
+// As octave_tables; `index` is the record's place in messages.
+template <class T>
+devptr_t dual_table(const char* op, std::string_view plan_key, const DualRecord& record,
+                    size_t index);
+
 // A design's pitch classes, one a bin.
 struct LazyClasses {
   int64_t count;

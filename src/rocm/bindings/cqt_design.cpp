@@ -1,5 +1,8 @@
 #include "rocm/bindings/cqt_design.h"
 
+#include <pybind11/complex.h>
+
+#include <complex>
 #include <stdexcept>
 #include <string_view>
 
@@ -8,9 +11,10 @@ namespace py = pybind11;
 namespace kevra::bindings {
 namespace {
 
-constexpr size_t kItems = 6;
+constexpr std::string_view kReal = "fiub";
+constexpr std::string_view kComplex = "cfiub";
 
-// Real numbers of `dims` dimensions, each named in what is told of another.
+// Numbers of `dims` dimensions, each named in what is told of another.
 py::array numbers(const py::handle& object, int dims, std::string_view kinds,
                   const std::string& name, const char* meaning) {
   py::array array = py::isinstance<py::array>(object) ? py::reinterpret_borrow<py::array>(object)
@@ -37,6 +41,13 @@ std::vector<T> values_of(const py::array& array) {
   return {dense.data(), dense.data() + dense.size()};
 }
 
+// Real and imaginary parts in turn.
+std::vector<double> parts_of(const py::array& array) {
+  const auto values = values_of<std::complex<double>>(array);
+  const auto* parts = reinterpret_cast<const double*>(values.data());
+  return {parts, parts + 2 * values.size()};
+}
+
 // `array` stays where it is for as long as the matrix.
 ops::LazyMatrix lazy(const py::array& array) {
   const bool is_row = array.ndim() == 1;
@@ -55,10 +66,11 @@ int64_t whole(const py::handle& object, const std::string& name, const char* ite
   return value;
 }
 
-py::tuple items_of(const py::handle& object, const std::string& name) {
+py::tuple items_of(const py::handle& object, const std::string& name, size_t count,
+                   const char* items) {
   const bool is_sequence = py::isinstance<py::tuple>(object) || py::isinstance<py::list>(object);
-  if (!is_sequence || py::len(object) != kItems) {
-    throw std::invalid_argument(name + " must be a tuple of level, hop, n_fft, row_lo, br and bi");
+  if (!is_sequence || py::len(object) != count) {
+    throw std::invalid_argument(name + " must be a tuple of " + items);
   }
   return py::reinterpret_borrow<py::object>(object);
 }
@@ -69,7 +81,6 @@ DesignArgument::DesignArgument(const char* op, int64_t n_levels, const py::list&
                                const py::object& taps, const std::string& plan_key, int64_t n_bins,
                                int64_t frames)
     : design{n_levels, {}, {}, plan_key, n_bins, frames} {
-  constexpr std::string_view kReal = "fiub";
   constexpr const char* kBasis = "a 2-D (rows, n_fft // 2 + 1) array of reals";
   // Never moved: the readers refer to places in it.
   arrays_.reserve(2 * octaves.size() + 1);
@@ -79,7 +90,7 @@ DesignArgument::DesignArgument(const char* op, int64_t n_levels, const py::list&
   };
   for (size_t i = 0; i < octaves.size(); ++i) {
     const std::string name = ops::octave_name(op, i);
-    const py::tuple items = items_of(octaves[i], name);
+    const py::tuple items = items_of(octaves[i], name, 6, "level, hop, n_fft, row_lo, br and bi");
     records_.push_back({.level = whole(items[0], name, "level"),
                         .hop = whole(items[1], name, "hop"),
                         .n_fft = whole(items[2], name, "n_fft"),
@@ -90,6 +101,23 @@ DesignArgument::DesignArgument(const char* op, int64_t n_levels, const py::list&
   design.octaves = records_;
   design.taps = lazy(arrays_.emplace_back(
       numbers(taps, 1, kReal, std::string(op) + ": taps", "a 1-D array of 65 reals")));
+}
+
+DualsArgument::DualsArgument(const char* op, const py::list& octaves) {
+  arrays_.reserve(octaves.size());  // never moved: the readers refer to places in it
+  for (size_t i = 0; i < octaves.size(); ++i) {
+    const std::string name = ops::octave_name(op, i);
+    const py::tuple items = items_of(octaves[i], name, 5, "s, n_d, row_lo, rows and D");
+    const py::array& filters =
+        arrays_.emplace_back(numbers(items[4], 2, kComplex, name + ": D",
+                                     "a 2-D (rows, n_d // 2 + 1) array of complex numbers"));
+    records.push_back({.shift = whole(items[0], name, "s"),
+                       .n_d = whole(items[1], name, "n_d"),
+                       .row_lo = whole(items[2], name, "row_lo"),
+                       .rows = whole(items[3], name, "rows"),
+                       .filters = {filters.shape(0), 2 * filters.shape(1),
+                                   [&filters] { return parts_of(filters); }}});
+  }
 }
 
 ClassesArgument::ClassesArgument(const py::object& object)

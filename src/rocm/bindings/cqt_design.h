@@ -30,6 +30,19 @@ class DesignArgument {
   std::vector<ops::CqtRecord> records_;
 };
 
+// The octaves of the direct inverse: tuples (s, n_d, row_lo, rows, D).
+class DualsArgument {
+ public:
+  DualsArgument(const char* op, const pybind11::list& octaves);
+  DualsArgument(const DualsArgument&) = delete;
+  DualsArgument& operator=(const DualsArgument&) = delete;
+
+  std::vector<ops::DualRecord> records;
+
+ private:
+  std::vector<pybind11::array> arrays_;
+};
+
 // The argument classes: whole numbers, one a bin.
 class ClassesArgument {
  public:
