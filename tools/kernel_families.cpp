@@ -44,6 +44,8 @@ const std::vector<Family>& families() {
                                        tonnetz_family(),
                                        icqt_dual_family(),
                                        icqt_overlap_family(),
+                                       stft_adjoint_family(),
+                                       istft_adjoint_family(),
                                        spectral_adjoint_family(),
                                        contrast_adjoint_family(),
                                        db_adjoint_family(),

@@ -8,9 +8,6 @@ namespace {
 
 namespace codegen = kevra::codegen;
 
-const Parameter float_or_double{"prec", codegen::kFloat, codegen::kFloat, codegen::kDouble,
-                                "1 float, 2 double"};
-
 Kernel make_cepstra(const Values& values) {
   const codegen::CepstraKernel kernel{values.at("prec"), values.at("n_mels"), values.at("n_out"),
                                       values.at("floored") != 0};

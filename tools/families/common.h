@@ -17,6 +17,10 @@ inline const kevra::codegen::HipBackend hip;
 inline const Parameter precision{"prec", kevra::codegen::kFloat, kevra::codegen::kHalf,
                                  kevra::codegen::kDouble, "0 half storage, 1 float, 2 double"};
 
+// Of kernels that half storage does not reach.
+inline const Parameter float_or_double{"prec", kevra::codegen::kFloat, kevra::codegen::kFloat,
+                                       kevra::codegen::kDouble, "1 float, 2 double"};
+
 Family rms_family();
 Family onset_family();
 Family fft_family();
@@ -54,6 +58,8 @@ Family cqt_pad_family();
 Family cqt_reduce_family();
 Family chroma_family();
 Family tonnetz_family();
+Family stft_adjoint_family();
+Family istft_adjoint_family();
 Family spectral_adjoint_family();
 Family contrast_adjoint_family();
 Family db_adjoint_family();

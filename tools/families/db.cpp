@@ -7,9 +7,6 @@ namespace {
 
 namespace codegen = kevra::codegen;
 
-const Parameter float_or_double{"prec", codegen::kFloat, codegen::kFloat, codegen::kDouble,
-                                "1 float, 2 double"};
-
 Kernel make_db(const Values& values) {
   const codegen::DbKernel kernel{values.at("prec")};
   return {kernel.kName,          kernel.key(), kernel.kBlock,

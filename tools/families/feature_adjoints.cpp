@@ -14,9 +14,6 @@ namespace {
 
 namespace codegen = kevra::codegen;
 
-const Parameter float_or_double{"prec", codegen::kFloat, codegen::kFloat, codegen::kDouble,
-                                "1 float, 2 double"};
-
 // Of a record that the precision alone shapes.
 template <class Record>
 Kernel make(const Values& values) {

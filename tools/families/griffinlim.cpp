@@ -7,9 +7,6 @@ namespace {
 
 namespace codegen = kevra::codegen;
 
-const Parameter float_or_double{"prec", codegen::kFloat, codegen::kFloat, codegen::kDouble,
-                                "1 float, 2 double"};
-
 template <class GriffinLimKernel>
 Kernel make(const Values& values) {
   const GriffinLimKernel kernel{values.at("prec")};

@@ -58,6 +58,7 @@ void emit_adjoint_transform(KernelWriter& w, const AdjointFrame& frame) {
 
 void emit_frame_spectrum(KernelWriter& w, const AdjointFrame& frame) {
   const std::string t = w.backend.scalar_type(w.prec);
+  w.line("  // the frame's spectrum, as the forward pass has it");
   w.stmt("TG cplx* Xs = sh_all + $;", frame.points());
   w.stmt("const DEV $* yb = y + (I64)batch * SIG_LEN;", t);
   each_point(w, "i", frame.n_fft, [&](const std::string& i) {
@@ -71,6 +72,7 @@ void emit_frame_spectrum(KernelWriter& w, const AdjointFrame& frame) {
 
 void emit_scaled_bins(KernelWriter& w, const AdjointFrame& frame, const BinFactor& emit_factor) {
   const std::string t = w.backend.scalar_type(w.prec);
+  w.line("  // the conjugate of each bin's gradient");
   each_point(w, "j", frame.n_fft, [&](const std::string& j) {
     w.if_block(j + " < NB", [&] {
       w.stmt("cplx X = Xs[$];", j);
@@ -83,6 +85,7 @@ void emit_scaled_bins(KernelWriter& w, const AdjointFrame& frame, const BinFacto
 
 void emit_frame_gradient(KernelWriter& w, const AdjointFrame& frame) {
   emit_adjoint_transform(w, frame);
+  w.line("  // what the frame's samples receive");
   if (frame.slots) {
     w.stmt("I64 ob = ((I64)batch*NF + frame) * $;", frame.n_fft);
   } else {
