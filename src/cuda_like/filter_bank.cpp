@@ -31,6 +31,7 @@ void pack_bins(const FilterBank& bank, PackedFilterBank& packed) {
     for (int64_t k = 0; k < bank.bins; ++k) {
       if (!is_weight(row[k])) continue;
       const bool first = packed.b0[k] < 0;
+      packed.crowded = packed.crowded || packed.b1[k] >= 0;
       (first ? packed.b0 : packed.b1)[k] = static_cast<int32_t>(m);
       (first ? packed.w0 : packed.w1)[k] = row[k];
     }
@@ -55,7 +56,8 @@ FilterBankTable upload_bank(const std::string& name, const PackedFilterBank& pac
           .b1 = upload(name + "_b1", packed.b1),
           .w = upload(name + "_w", weights(packed.w)),
           .w0 = upload(name + "_w0", weights(packed.w0)),
-          .w1 = upload(name + "_w1", weights(packed.w1))};
+          .w1 = upload(name + "_w1", weights(packed.w1)),
+          .crowded = packed.crowded};
 }
 
 FilterBankTable build_table(const FilterBank& bank, uint64_t key, bool wide) {

@@ -30,12 +30,14 @@ void check_filter_bank(const char* op, const FilterBank& bank, int64_t n_fft);
 struct PackedFilterBank {
   std::vector<int32_t> lo, off, b0, b1;
   std::vector<double> w, w0, w1;
+  bool crowded = false;  // some bin has a third row, which b0 and b1 do not name
 };
 PackedFilterBank pack_filter_bank(const FilterBank& bank);
 
 // The packed arrays on the device, weights in double (`wide`) or float.
 struct FilterBankTable {
   devptr_t lo, off, b0, b1, w, w0, w1;
+  bool crowded;
 };
 // Of the current device; built at the first call for its hash and kept for good. Takes a mutex of
 // its own before runtime_mutex: not to be called under the latter.

@@ -4,8 +4,10 @@
 #include <limits>
 
 #include "codegen/kernels/gradient_frames.h"
+#include "codegen/kernels/spectrum_output.h"
 #include "cuda_like/ops/chunks.h"
 #include "cuda_like/ops/fft.h"
+#include "cuda_like/ops/stft.h"
 
 namespace kevra::ops {
 
@@ -27,6 +29,30 @@ void launch_gradient_crop(kernel_t crop, const GradientSizes& sizes, int64_t row
   launch_kernel(crop, static_cast<unsigned>((int64_t{length} + kBlock - 1) / kBlock),
                 static_cast<unsigned>(rows), kBlock, 0, args, GradientCrop::kName, stream);
 }
+
+template <class T>
+DeviceBuffer gradient_spectra(devptr_t x, const GradientSizes& sizes, int64_t rows,
+                              const WindowSpec& window, int device, stream_t stream) {
+  const size_t values = static_cast<size_t>(rows) * sizes.frames * sizes.bins() * 2;
+  DeviceBuffer spectra(values * sizeof(T), stream);
+  stft_dispatch<T>({.y = x,
+                    .out = spectra.p,
+                    .batch = rows,
+                    .length = sizes.length,
+                    .n_fft = sizes.n_fft,
+                    .hop = sizes.hop,
+                    .center = sizes.pad > 0,
+                    .form = codegen::kComplexForm,
+                    .window = window,
+                    .device = device,
+                    .stream = stream});
+  return spectra;
+}
+
+template DeviceBuffer gradient_spectra<float>(devptr_t, const GradientSizes&, int64_t,
+                                              const WindowSpec&, int, stream_t);
+template DeviceBuffer gradient_spectra<double>(devptr_t, const GradientSizes&, int64_t,
+                                               const WindowSpec&, int, stream_t);
 
 GradientTail gradient_tail(const GradientSizes& sizes, int prec, const WindowSpec& window,
                            int device) {

@@ -14,6 +14,11 @@ kernel_t gradient_crop(int n_fft, int hop, int prec, bool slots, int device);
 void launch_gradient_crop(kernel_t crop, const GradientSizes& sizes, int64_t rows, devptr_t graw,
                           devptr_t gx, stream_t stream);
 
+// Spectra of `rows` signals of the forward pass: [rows][frames][bins], complex.
+template <class T>
+DeviceBuffer gradient_spectra(devptr_t x, const GradientSizes& sizes, int64_t rows,
+                              const WindowSpec& window, int device, stream_t stream);
+
 // The kernels behind the front of a staged route.
 struct GradientTail {
   kernel_t window_frames = nullptr;

@@ -13,7 +13,6 @@
 #include "cuda_like/ops/gradient_tail.h"
 #include "cuda_like/ops/gradients.h"
 #include "cuda_like/ops/plan_map.h"
-#include "cuda_like/ops/stft.h"
 
 namespace kevra::ops {
 namespace {
@@ -90,19 +89,8 @@ void launch_pack(const StftAdjointPlan& plan, const StftAdjointCall& call,
 template <class T>
 void launch_chain(const StftAdjointPlan& plan, const StftAdjointCall& call,
                   const GradientSizes& sizes, int64_t rows, devptr_t z) {
-  const size_t bins = static_cast<size_t>(rows) * sizes.frames * sizes.bins();
-  const DeviceBuffer spectra(bins * 2 * sizeof(T), call.stream);
-  stft_dispatch<T>({.y = call.x,
-                    .out = spectra.p,
-                    .batch = rows,
-                    .length = call.length,
-                    .n_fft = call.n_fft,
-                    .hop = call.hop,
-                    .center = call.center,
-                    .form = codegen::kComplexForm,
-                    .window = call.window,
-                    .device = call.device,
-                    .stream = call.stream});
+  const DeviceBuffer spectra =
+      gradient_spectra<T>(call.x, sizes, rows, call.window, call.device, call.stream);
   devptr_t g = call.g;
   devptr_t x = spectra.p;
   int frames = sizes.frames;

@@ -1,8 +1,7 @@
-#include "cuda_like/ops/mel.h"
-
 #include <cstdint>
 #include <string>
 
+#include "cuda_like/ops/mel_adjoint.h"
 #include "rocm/bindings/arrays.h"
 #include "rocm/bindings/banks.h"
 #include "rocm/bindings/bindings.h"
@@ -17,6 +16,54 @@ template <class T>
 py::object mel_staged(const py::object& y, const ops::MelOptions& options) {
   const ContiguousArray<T> input(y);
   return frames_last(ops::mel_staged<T>(input.view(), options));
+}
+
+void bind_mel_adjoint(py::module_& m) {
+  m.def(
+      "mel_adjoint_resident",
+      [](uintptr_t g_ptr, uintptr_t x_ptr, uintptr_t gx_ptr, int64_t batch, int64_t n_mels,
+         int64_t frames, int64_t stride_batch, int64_t stride_bin, int64_t stride_frame,
+         const py::object& fb, int64_t n_fft, int64_t hop, bool center, int64_t length,
+         double power, const std::string& output, double eps, const py::object& window, int prec,
+         int device, uintptr_t stream) {
+        const WindowArgument shape(window);
+        const BankArgument argument(fb,
+                                    "mel_adjoint: filterbank shape must be (n_mels, n_fft/2+1)");
+        ops::mel_adjoint_resident({.g = reinterpret_cast<devptr_t>(g_ptr),
+                                   .x = reinterpret_cast<devptr_t>(x_ptr),
+                                   .gx = reinterpret_cast<devptr_t>(gx_ptr),
+                                   .batch = batch,
+                                   .length = length,
+                                   .frames = frames,
+                                   .stride_batch = stride_batch,
+                                   .stride_bin = stride_bin,
+                                   .stride_frame = stride_frame,
+                                   .options = {argument.bank, n_fft, hop, center, power,
+                                               output_form(output), eps, shape.spec},
+                                   .device = device,
+                                   .stream = reinterpret_cast<stream_t>(stream)},
+                                  n_mels, prec);
+      },
+      py::arg("g_ptr"), py::arg("x_ptr"), py::arg("gx_ptr"), py::arg("batch"), py::arg("n_mels"),
+      py::arg("frames"), py::arg("stride_batch"), py::arg("stride_bin"), py::arg("stride_frame"),
+      py::arg("fb"), py::arg("n_fft"), py::arg("hop"), py::arg("center"), py::arg("length"),
+      py::arg("power"), py::arg("output"), py::arg("eps"), py::arg("window"), py::arg("prec"),
+      py::arg("device") = 0, py::arg("stream") = 0,
+      R"(Gradient of a function E of the mel spectrogram S of a signal x with respect to x; queues the work on `stream` and
+returns. The spectra are computed anew from x: nothing is kept from the forward pass.
+
+g_ptr: address on `device` of the gradient dE/dS, real, read through the strides in elements: to the next batch row,
+band and frame, so any layout serves; that of mel_resident's result has strides (frames * n_mels, 1, n_mels). x_ptr:
+address of the signal, (batch, length), row-major. gx_ptr: address of as many reals, which are overwritten.
+fb: a host array (n_mels, n_fft // 2 + 1), as in mel_resident; a bin may belong to any number of bands.
+frames: as many as `length` samples have. power: rounded to a whole number, 1 or 2.
+n_fft, hop, center, output, eps, window: as in the forward pass. A band of 0 has the gradient 0 under "magnitude", and
+under "db" without eps; so has a bin whose magnitude is at most 1e-12 under a power of 1.
+prec: 1 float, 2 double; half storage is refused. stream: raw handle, 0 the null stream.
+Frames are added by atomics, in any order; after set_deterministic(1) in theirs, which takes more memory.
+Pointers are not checked. The first call for a bank waits for the device. Nothing is queued for no rows. Raises
+ValueError for sizes out of bounds and for half, RuntimeError when HIP fails.
+Source: the chain rule through the form of output, the transposed bank and |X|**power, then stft_adjoint_resident.)");
 }
 
 }  // namespace
@@ -84,6 +131,7 @@ power of two. stream: raw handle, 0 the null stream.
 Pointers are not checked. The first call for a bank waits for the device. Raises ValueError for sizes out of bounds,
 RuntimeError when HIP fails.
 Source: as mel_staged.)");
+  bind_mel_adjoint(m);
 }
 
 }  // namespace kevra::bindings
