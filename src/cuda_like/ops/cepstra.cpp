@@ -11,7 +11,6 @@
 #include "codegen/kernels/mel.h"
 #include "codegen/precision.h"
 #include "codegen/sizes.h"
-#include "cuda_like/dct.h"
 #include "cuda_like/ops/frames.h"
 #include "cuda_like/ops/guards.h"
 #include "cuda_like/ops/mel_plan.h"
@@ -39,30 +38,7 @@ struct GeneralPlan {
 };
 
 CosineMatrix cosines_of(const CepstraCall& call) {
-  return {call.options.n_out, call.bands.options.bank.n_mels, std::max(call.options.lifter, 0.0)};
-}
-
-// The frames of a signal.
-int64_t check_cepstra(const CepstraCall& call) {
-  constexpr const char* kOp = "cepstra";
-  const MelCall& bands = call.bands;
-  const CepstraOptions& o = call.options;
-  require_at_least(kOp, "n_out", o.n_out, 1);
-  if (!std::isfinite(o.lifter)) {
-    throw std::invalid_argument("cepstra: lifter is " + shown(o.lifter) +
-                                ", must be finite; 0 weighs nothing");
-  }
-  if (std::isnan(o.top_db)) {
-    throw std::invalid_argument("cepstra: top_db is " + shown(o.top_db) +
-                                ", must be a number; below 0 there is no floor");
-  }
-  const int64_t frames = check_mel(bands.options, bands.length);
-  require_at_most(kOp, "n_out", o.n_out,
-                  std::numeric_limits<int>::max() / bands.options.bank.n_mels);
-  require_at_least(kOp, "batch", bands.batch, 0);
-  if (bands.batch > 0) check_frame_batch(kOp, codegen::MelKernel::kName, bands.batch);
-  require_at_most(kOp, "batch x frames", bands.batch * frames, codegen::kProductLimit / o.n_out);
-  return frames;
+  return cepstra_cosines(call.options, call.bands.options.bank);
 }
 
 template <class T>
@@ -157,6 +133,32 @@ void cepstra_from_db(devptr_t m, const CepstraCall& call, int64_t frames) {
 }
 
 }  // namespace
+
+CosineMatrix cepstra_cosines(const CepstraOptions& options, const FilterBank& bank) {
+  return {options.n_out, bank.n_mels, std::max(options.lifter, 0.0)};
+}
+
+int64_t check_cepstra(const CepstraCall& call) {
+  constexpr const char* kOp = "cepstra";
+  const MelCall& bands = call.bands;
+  const CepstraOptions& o = call.options;
+  require_at_least(kOp, "n_out", o.n_out, 1);
+  if (!std::isfinite(o.lifter)) {
+    throw std::invalid_argument("cepstra: lifter is " + shown(o.lifter) +
+                                ", must be finite; 0 weighs nothing");
+  }
+  if (std::isnan(o.top_db)) {
+    throw std::invalid_argument("cepstra: top_db is " + shown(o.top_db) +
+                                ", must be a number; below 0 there is no floor");
+  }
+  const int64_t frames = check_mel(bands.options, bands.length);
+  require_at_most(kOp, "n_out", o.n_out,
+                  std::numeric_limits<int>::max() / bands.options.bank.n_mels);
+  require_at_least(kOp, "batch", bands.batch, 0);
+  if (bands.batch > 0) check_frame_batch(kOp, codegen::MelKernel::kName, bands.batch);
+  require_at_most(kOp, "batch x frames", bands.batch * frames, codegen::kProductLimit / o.n_out);
+  return frames;
+}
 
 template <class T>
 void cepstra_dispatch(const CepstraCall& call) {

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "cuda_like/dct.h"
 #include "cuda_like/device.h"
 #include "cuda_like/ops/mel.h"
 #include "cuda_like/staged.h"
@@ -24,7 +25,12 @@ struct CepstraCall {
   CepstraOptions options;
 };
 
-// Throws std::invalid_argument for arguments that cannot be served, before anything is queued.
+// The frames of a signal. Throws std::invalid_argument for arguments that cannot be served.
+int64_t check_cepstra(const CepstraCall& call);
+// The matrix that takes a frame's bands to its cepstra.
+CosineMatrix cepstra_cosines(const CepstraOptions& options, const FilterBank& bank);
+
+// Throws what check_cepstra throws, before anything is queued.
 template <class T>
 void cepstra_dispatch(const CepstraCall& call);
 

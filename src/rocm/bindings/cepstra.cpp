@@ -1,9 +1,8 @@
-#include "cuda_like/ops/cepstra.h"
-
 #include <cstdint>
 #include <string>
 
 #include "codegen/kernels/spectrum_output.h"
+#include "cuda_like/ops/cepstra_adjoint.h"
 #include "rocm/bindings/arrays.h"
 #include "rocm/bindings/banks.h"
 #include "rocm/bindings/bindings.h"
@@ -12,6 +11,51 @@
 namespace py = pybind11;
 
 namespace kevra::bindings {
+namespace {
+
+void bind_cepstra_adjoint(py::module_& m) {
+  m.def(
+      "cepstra_adjoint_resident",
+      [](uintptr_t gc_ptr, uintptr_t x_ptr, uintptr_t gx_ptr, int64_t batch, int64_t length,
+         const py::object& fb, int64_t n_fft, int64_t hop, bool center, int64_t n_out,
+         double lifter, double top_db, double eps, const py::object& window, int prec, int device,
+         uintptr_t stream) {
+        const WindowArgument shape(window);
+        const BankArgument argument(fb);
+        ops::cepstra_adjoint_resident({.gc = reinterpret_cast<devptr_t>(gc_ptr),
+                                       .x = reinterpret_cast<devptr_t>(x_ptr),
+                                       .gx = reinterpret_cast<devptr_t>(gx_ptr),
+                                       .batch = batch,
+                                       .length = length,
+                                       .bands = {argument.bank, n_fft, hop, center, 2,
+                                                 codegen::kDecibelForm, eps, shape.spec},
+                                       .cepstra = {n_out, lifter, top_db},
+                                       .device = device,
+                                       .stream = reinterpret_cast<stream_t>(stream)},
+                                      prec);
+      },
+      py::arg("gc_ptr"), py::arg("x_ptr"), py::arg("gx_ptr"), py::arg("batch"), py::arg("length"),
+      py::arg("fb"), py::arg("n_fft"), py::arg("hop"), py::arg("center"), py::arg("n_out"),
+      py::arg("lifter"), py::arg("top_db"), py::arg("eps"), py::arg("window"), py::arg("prec"),
+      py::arg("device") = 0, py::arg("stream") = 0,
+      R"(Gradient of a function E of the cepstra of a signal x with respect to x; queues the work on `stream` and returns.
+The bands are computed anew from x: nothing is kept from the forward pass.
+
+gc_ptr: address on `device` of dE/dc, laid out (batch, n_out, frames) with the frames adjacent in memory. The forward
+pass writes (batch, frames, n_out): what has the shape of its result has to be transposed first.
+x_ptr: address of the signal, (batch, length), row-major. gx_ptr: address of as many reals, which are overwritten.
+fb: a host array, as in mel_resident. n_fft, hop, center, n_out, lifter, top_db, eps, window: as in the forward pass.
+A band that top_db raised follows the loudest band of its row of x, the first of equals. A band without power has the
+gradient 0 whatever eps is.
+prec: 1 float, 2 double; half storage is refused. stream: raw handle, 0 the null stream.
+Frames are added by atomics, in any order; after set_deterministic(1) in theirs, which takes more memory.
+Pointers are not checked. Nothing is queued for no rows. Raises ValueError for sizes out of bounds and for half,
+RuntimeError when HIP fails.
+Source: the transposed cosine transform, then the chain rule of mel_adjoint_resident.)");
+}
+
+}  // namespace
+
 void bind_cepstra(py::module_& m) {
   m.def(
       "cepstra_staged",
@@ -75,6 +119,7 @@ prec: 2 double, else float. stream: raw handle, 0 the null stream.
 Pointers are not checked. The first call for a bank or a lifter waits for the device. Nothing is queued for no rows.
 Raises ValueError for sizes out of bounds, RuntimeError when HIP fails.
 Source: as cepstra_staged.)");
+  bind_cepstra_adjoint(m);
 }
 
 }  // namespace kevra::bindings
