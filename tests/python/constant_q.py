@@ -99,5 +99,35 @@ def reference(y, plan):
     return out
 
 
+def transpose(g, plan, length):
+    """What `reference` sends a signal of so many samples to, turned around: real, (batch, length), from complex g."""
+    taps = np.nan_to_num(plan.taps)
+    sizes = lengths(length, plan.n_levels)
+    gradient = np.zeros((len(g), 0))
+    for level in reversed(range(plan.n_levels)):
+        above = np.zeros((len(g), sizes[level] + 64))
+        for j in range(gradient.shape[1]):
+            above[:, 2 * j:2 * j + 65] += gradient[:, j, None] * taps
+        gradient = above[:, 32:32 + sizes[level]]
+        for on, hop, n_fft, row_lo, br, bi in plan.octaves:
+            if on != level:
+                continue
+            spectra = np.einsum("ki,bkt->bti", br - 1j * bi, g[:, row_lo:row_lo + len(br)])
+            frames = np.fft.ifft(spectra, n_fft, norm="forward").real
+            padded = np.zeros((len(g), sizes[level] + 2 * (n_fft // 2)))
+            for t in range(plan.frames):
+                padded[:, t * hop:t * hop + n_fft] += frames[:, t]
+            gradient = gradient + padded[:, n_fft // 2:n_fft // 2 + sizes[level]]
+    return gradient
+
+
+def bin_gradients(spectrum, g, output, eps=1e-10):
+    """dE/dC from the gradient g of a form of C; 0 where a form has none."""
+    power = abs(spectrum) ** 2
+    divisor = {"magnitude": np.sqrt(power), "db": (power + eps) * np.log(10) / 20}.get(output, np.ones_like(power))
+    factor = np.divide({"power": 2 * g}.get(output, g), divisor, out=np.zeros(g.shape, g.dtype), where=divisor > 0)
+    return factor * (1 if output == "complex" else spectrum)
+
+
 def relative(got, want):
     return np.linalg.norm(got - want) / np.linalg.norm(want)

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "codegen/kernels/chroma.h"
+#include "codegen/kernels/cqt_adjoint.h"
 #include "codegen/kernels/cqt_fused.h"
 #include "codegen/kernels/icqt.h"
 #include "codegen/kernels/tonnetz.h"
@@ -82,6 +83,15 @@ Kernel make_reduce(const Values& values) {
                                         codegen::storage_precision(prec), 1e-10});
 }
 
+Kernel make_bin_gradients(const Values& values) {
+  return plain(codegen::CqtBinGradientKernel{values.at("prec"), values.at("form"), 1e-10});
+}
+
+template <class GradientKernel>
+Kernel make_gradient(const Values& values) {
+  return plain(GradientKernel{values.at("prec")});
+}
+
 Kernel make_chroma(const Values& values) {
   const int prec = values.at("prec");
   return plain(codegen::ChromaKernel{codegen::compute_precision(prec), values.at("n_chroma"),
@@ -135,6 +145,38 @@ Family cqt_reduce_family() {
            {{"prec", codegen::kFloat}},
            {{"prec", codegen::kDouble}},
            {{"form", 3}}}};
+}
+
+Family cqt_bin_gradient_family() {
+  return {"cqt_bin_gradient",
+          "gradients of constant-Q bins from those of their form",
+          {arithmetic, form},
+          make_bin_gradients,
+          {{{"form", 0}}, {{"form", 1}}, {{"form", 2}}, {{"form", 3}}, {{"prec", 2}, {"form", 1}}}};
+}
+
+Family cqt_spectrum_gradient_family() {
+  return {"cqt_spectrum_gradient",
+          "gradients of spectra from those of constant-Q bins",
+          {arithmetic},
+          make_gradient<codegen::CqtSpectrumGradientKernel>,
+          both_twins};
+}
+
+Family cqt_half_band_adjoint_family() {
+  return {"cqt_half_band_adjoint",
+          "the transpose of half-band decimation",
+          {arithmetic},
+          make_gradient<codegen::HalfBandAdjointKernel>,
+          both_twins};
+}
+
+Family cqt_add_level_family() {
+  return {"cqt_add_level",
+          "a padded signal's gradient, added to its level's",
+          {arithmetic},
+          make_gradient<codegen::CqtAddLevelKernel>,
+          both_twins};
 }
 
 Family chroma_family() {

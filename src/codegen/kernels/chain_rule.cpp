@@ -9,15 +9,15 @@
 namespace kevra::codegen {
 
 std::string over_eps(const KernelWriter& w, double eps, double factor, const std::string& gradient,
-                     const std::string& value) {
+                     const std::string& value, const std::string& name) {
   const std::string t = w.backend.scalar_type(w.prec);
+  const std::string divisor = format("($ + ($)$)", {value, t, name});
   const std::string quotient =
-      format("($)$ * $ / ($ + ($)EPS)", {t, number_literal(factor), gradient, value, t});
+      format("($)$ * $ / $", {t, number_literal(factor), gradient, divisor});
   // Below it the quotient may leave the range of the type, and infinity times a zero part is NaN.
   const double least = w.prec == kDouble ? 1e-300 : 1e-30;
   if (eps >= least) return quotient;
-  return format("($ + ($)EPS > ($)$) ? $ : ($)0",
-                {value, t, t, number_literal(least), quotient, t});
+  return format("$ > ($)$ ? $ : ($)0", {divisor, t, number_literal(least), quotient, t});
 }
 
 void emit_magnitude_rule(KernelWriter& w, const std::string& power, const std::string& gradient) {

@@ -14,10 +14,10 @@ namespace kevra::codegen {
 void emit_chain_rule(KernelWriter& w, int form, double eps, const std::string& bin,
                      const std::string& gradient);
 
-// factor * gradient / (value + EPS), and 0 where a value of 0 and an EPS too small for the
-// arithmetic leave nothing to divide by.
+// factor * gradient / (value + eps), and 0 where a value of 0 and an eps too small for the
+// arithmetic leave nothing to divide by. `name` is what the kernel calls eps.
 std::string over_eps(const KernelWriter& w, double eps, double factor, const std::string& gradient,
-                     const std::string& value);
+                     const std::string& value, const std::string& name = "EPS");
 
 // Names `c` for the gradient of |X|: gradient / mag, `mag` being the root of `power`, or 0.
 void emit_magnitude_rule(KernelWriter& w, const std::string& power, const std::string& gradient);

@@ -6,8 +6,7 @@
 
 #include "codegen/kernels/cqt.h"
 #include "codegen/kernels/cqt_fused.h"
-#include "cuda_like/ops/stft.h"
-#include "cuda_like/window.h"
+#include "cuda_like/ops/cqt_levels.h"
 
 namespace kevra::ops {
 namespace {
@@ -15,37 +14,6 @@ namespace {
 using codegen::CqtFusedKernel;
 using codegen::CqtPadKernel;
 using codegen::CqtReduceKernel;
-using codegen::HalfBandKernel;
-
-constexpr unsigned kBlock = 256;
-
-// One thread to a value of `width` a batch row.
-void launch_rows(kernel_t fn, int64_t width, const CqtCall& call, void** args, const char* name) {
-  launch_kernel(fn, static_cast<unsigned>((width + kBlock - 1) / kBlock),
-                static_cast<unsigned>(call.batch), kBlock, 0, args, name, call.stream);
-}
-
-// The level's signal between the zeros of `padded`.
-template <class T>
-void place_signal(const CqtPlan& plan, const CqtStep& step, const CqtCall& call, devptr_t signal,
-                  devptr_t padded) {
-  int64_t n = plan.lengths[step.octave.level];
-  int64_t plen = step.padded;
-  int pad = static_cast<int>(cqt_padding(step.octave.n_fft));
-  if (step.octave.level == 0 && call.half_input) {
-    void* args[] = {&signal, &padded, &n, &plen, &pad};
-    return launch_rows(plan.pad_input, n, call, args, CqtPadKernel::kName);
-  }
-  Copy2D c;
-  c.src.address = signal;
-  c.src.pitch = static_cast<size_t>(n) * sizeof(T);
-  c.dst.address = static_cast<T*>(padded) + pad;
-  c.dst.pitch = static_cast<size_t>(plen) * sizeof(T);
-  c.width_bytes = c.src.pitch;
-  c.height = static_cast<size_t>(call.batch);
-  const stream_t stream = call.stream;
-  KEVRA_CHECK(memcpy2DAsync(&c, (stream_t)stream));
-}
 
 template <class T>
 void queue_fused(const CqtStep& step, const CqtCall& call, devptr_t padded) {
@@ -67,22 +35,9 @@ template <class T>
 void queue_two_stages(const CqtPlan& plan, const CqtStep& step, const CqtCall& call,
                       devptr_t padded) {
   CqtOctave o = step.octave;
-  int bins = o.bins();
-  const DeviceBuffer spectra(
-      static_cast<size_t>(call.batch * step.frames) * bins * sizeof(std::complex<T>), call.stream);
-  // Any taper is the basis's.
-  static const WindowSpec kBoxcar = named_window("boxcar");
-  stft_dispatch<T>({.y = padded,
-                    .out = spectra.p,
-                    .batch = call.batch,
-                    .length = step.padded,
-                    .n_fft = o.n_fft,
-                    .hop = o.hop,
-                    .center = false,
-                    .window = kBoxcar,
-                    .device = call.device,
-                    .stream = call.stream});
+  const DeviceBuffer spectra = queue_spectra<T>(step, call, padded);
 
+  int bins = o.bins();
   devptr_t s = spectra.p;
   devptr_t out = call.out;
   int64_t nfl = step.frames;
@@ -94,33 +49,30 @@ void queue_two_stages(const CqtPlan& plan, const CqtStep& step, const CqtCall& c
   launch_rows(plan.reduce, o.rows * nf, call, args, CqtReduceKernel::kName);
 }
 
+// The samples of a half input between zeros.
+void convert_signal(const CqtPlan& plan, const CqtStep& step, const CqtCall& call, devptr_t signal,
+                    devptr_t padded) {
+  int64_t n = plan.lengths[0];
+  int64_t plen = step.padded;
+  int pad = static_cast<int>(cqt_padding(step.octave.n_fft));
+  void* args[] = {&signal, &padded, &n, &plen, &pad};
+  launch_rows(plan.pad_input, n, call, args, CqtPadKernel::kName);
+}
+
 template <class T>
 void queue_octave(const CqtPlan& plan, const CqtStep& step, const CqtCall& call, devptr_t signal) {
-  const int64_t B = call.batch;
-  const int64_t plen = step.padded;
-  const stream_t stream = call.stream;
-  const DeviceBuffer padded((size_t)B * plen * sizeof(T), stream);
-  KEVRA_CHECK(memsetD8Async(padded.p, 0, (size_t)B * plen * sizeof(T), (stream_t)stream));
-  place_signal<T>(plan, step, call, signal, padded.p);
+  const int level = step.octave.level;
+  const DeviceBuffer padded = padded_zeros<T>(step, call);
+  if (level == 0 && call.half_input) {
+    convert_signal(plan, step, call, signal, padded.p);
+  } else {
+    place_signal<T>(step, plan.lengths[level], call, signal, padded.p);
+  }
   if (step.fused != nullptr) {
     queue_fused<T>(step, call, padded.p);
   } else {
     queue_two_stages<T>(plan, step, call, padded.p);
   }
-}
-
-// The signal of level + 1.
-template <class T>
-DeviceBuffer queue_decimation(const CqtPlan& plan, size_t level, const CqtCall& call,
-                              devptr_t signal) {
-  int64_t n = plan.lengths[level];
-  int64_t on = plan.lengths[level + 1];
-  DeviceBuffer next(static_cast<size_t>(call.batch * on) * sizeof(T), call.stream);
-  devptr_t taps = plan.taps;
-  void* args[] = {&signal, &next.p, &taps, &n, &on};
-  launch_rows(level == 0 ? plan.decimate_input : plan.decimate, on, call, args,
-              HalfBandKernel::kName);
-  return next;
 }
 
 template <class T>
@@ -141,7 +93,9 @@ void queue_cqt(const CqtPlan& plan, const CqtCall& call) {
       queue_octave<T>(plan, *step, call, signal);
     }
     if (level + 1 == plan.lengths.size()) return;
-    DeviceBuffer next = queue_decimation<T>(plan, level, call, signal);
+    DeviceBuffer next =
+        queue_decimation<T>(level == 0 ? plan.decimate_input : plan.decimate, plan.taps,
+                            plan.lengths[level], plan.lengths[level + 1], call, signal);
     signal = next.p;
     own.emplace(std::move(next));
   }

@@ -11,7 +11,6 @@
 #include "cuda_like/hash.h"
 #include "cuda_like/ops/frames.h"
 #include "cuda_like/ops/guards.h"
-#include "cuda_like/ops/plan_map.h"
 #include "cuda_like/twiddles.h"
 
 namespace kevra::ops {
@@ -35,30 +34,6 @@ template <class T>
 PlanMap<std::shared_ptr<const CqtPlan>>& plans() {
   static thread_local PlanMap<std::shared_ptr<const CqtPlan>> map;
   return map;
-}
-
-PlanKey plan_key(const CqtCall& call) {
-  const CqtDesign& d = call.design;
-  const uint64_t flags = static_cast<uint64_t>(call.form) << 2 | (call.half_input ? 2u : 0u) |
-                         (call.half_output ? 1u : 0u);
-  const uint64_t eps = eps_word(call.form, call.eps);
-  std::vector<uint64_t> words{flags,
-                              eps,
-                              uint64_t(call.device),
-                              uint64_t(call.length),
-                              uint64_t(d.n_levels),
-                              uint64_t(d.n_bins),
-                              uint64_t(d.frames),
-                              uint64_t(d.taps.rows),
-                              uint64_t(d.taps.cols),
-                              content_hash(d.plan_key)};
-  for (const CqtRecord& r : d.octaves) {
-    for (int64_t value :
-         {r.level, r.hop, r.n_fft, r.row_lo, r.br.rows, r.br.cols, r.bi.rows, r.bi.cols}) {
-      words.push_back(static_cast<uint64_t>(value));
-    }
-  }
-  return {content_hash(words.data(), words.size() * sizeof words[0]), shape_epoch()};
 }
 
 // Whether a hint sends this record's spectra through device memory.
@@ -100,16 +75,6 @@ void plan_fused(const CqtCall& call, CqtStep& step) {
   step.shared = kernel->shared_bytes();
 }
 
-template <class T>
-CqtStep plan_step(const CqtCall& call, size_t index, const std::vector<int64_t>& lengths) {
-  CqtStep step{.octave = octave_tables<T>(call.op, call.design, index), .frames = 0, .padded = 0};
-  const CqtOctave& octave = step.octave;
-  step.frames = cqt_frames(lengths[octave.level], octave.n_fft, octave.hop);
-  step.padded = lengths[octave.level] + 2 * cqt_padding(octave.n_fft);
-  if (!wants_two_stages<T>(call, octave)) plan_fused<T>(call, step);
-  return step;
-}
-
 // The kernels that the steps and the ladder have in common.
 template <class T>
 void plan_shared_kernels(const CqtCall& call, CqtPlan& plan) {
@@ -139,12 +104,10 @@ CqtPlan build(const CqtCall& call) {
   CqtPlan plan;
   plan.lengths = level_lengths(call.length, call.design.n_levels);
   plan.taps = taps_table<T>(call.design);
-  for (size_t i = 0; i < call.design.octaves.size(); ++i) {
-    plan.steps.push_back(plan_step<T>(call, i, plan.lengths));
+  plan.steps = cqt_steps<T>(call, plan.lengths);
+  for (CqtStep& step : plan.steps) {
+    if (!wants_two_stages<T>(call, step.octave)) plan_fused<T>(call, step);
   }
-  std::stable_sort(plan.steps.begin(), plan.steps.end(), [](const CqtStep& a, const CqtStep& b) {
-    return a.octave.level < b.octave.level;
-  });
   plan_shared_kernels<T>(call, plan);
   return plan;
 }
@@ -157,16 +120,58 @@ void check_batch(const CqtCall& call) {
                     call.batch);
 }
 
-// The spectra of a two-stage step are rows of one transform, counted in 31 bits.
-void check_spectra(const CqtCall& call, const CqtPlan& plan) {
-  for (const CqtStep& step : plan.steps) {
+}  // namespace
+
+PlanKey cqt_plan_key(const CqtCall& call) {
+  const CqtDesign& d = call.design;
+  const uint64_t flags = static_cast<uint64_t>(call.form) << 2 | (call.half_input ? 2u : 0u) |
+                         (call.half_output ? 1u : 0u);
+  const uint64_t eps = eps_word(call.form, call.eps);
+  std::vector<uint64_t> words{flags,
+                              eps,
+                              uint64_t(call.device),
+                              uint64_t(call.length),
+                              uint64_t(d.n_levels),
+                              uint64_t(d.n_bins),
+                              uint64_t(d.frames),
+                              uint64_t(d.taps.rows),
+                              uint64_t(d.taps.cols),
+                              content_hash(d.plan_key)};
+  for (const CqtRecord& r : d.octaves) {
+    for (int64_t value :
+         {r.level, r.hop, r.n_fft, r.row_lo, r.br.rows, r.br.cols, r.bi.rows, r.bi.cols}) {
+      words.push_back(static_cast<uint64_t>(value));
+    }
+  }
+  return {content_hash(words.data(), words.size() * sizeof words[0]), shape_epoch()};
+}
+
+template <class T>
+std::vector<CqtStep> cqt_steps(const CqtCall& call, const std::vector<int64_t>& lengths) {
+  std::vector<CqtStep> steps;
+  for (size_t i = 0; i < call.design.octaves.size(); ++i) {
+    const CqtOctave octave = octave_tables<T>(call.op, call.design, i);
+    const int64_t length = lengths[octave.level];
+    steps.push_back({.octave = octave,
+                     .frames = cqt_frames(length, octave.n_fft, octave.hop),
+                     .padded = length + 2 * cqt_padding(octave.n_fft)});
+  }
+  std::stable_sort(steps.begin(), steps.end(), [](const CqtStep& a, const CqtStep& b) {
+    return a.octave.level < b.octave.level;
+  });
+  return steps;
+}
+
+template std::vector<CqtStep> cqt_steps<float>(const CqtCall&, const std::vector<int64_t>&);
+template std::vector<CqtStep> cqt_steps<double>(const CqtCall&, const std::vector<int64_t>&);
+
+void check_spectra(const CqtCall& call, const std::vector<CqtStep>& steps) {
+  for (const CqtStep& step : steps) {
     if (step.fused != nullptr) continue;
     require_at_most(call.op, "batch x frames", call.batch * step.frames,
                     std::numeric_limits<int>::max());
   }
 }
-
-}  // namespace
 
 void check_cqt(const CqtCall& call) {
   check_cqt_design(call.op, call.design, call.length);
@@ -176,7 +181,7 @@ void check_cqt(const CqtCall& call) {
 
 template <class T>
 std::shared_ptr<const CqtPlan> cqt_plan(const CqtCall& call) {
-  const PlanKey key = plan_key(call);
+  const PlanKey key = cqt_plan_key(call);
   const auto found = call.override == nullptr ? plans<T>().find(key) : plans<T>().end();
   std::shared_ptr<const CqtPlan> plan;
   if (found != plans<T>().end()) {
@@ -189,7 +194,7 @@ std::shared_ptr<const CqtPlan> cqt_plan(const CqtCall& call) {
     plan = std::make_shared<const CqtPlan>(build<T>(call));
     if (call.override == nullptr) plans<T>().emplace(key, plan);
   }
-  check_spectra(call, *plan);
+  check_spectra(call, plan->steps);
   return plan;
 }
 

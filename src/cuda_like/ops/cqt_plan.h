@@ -9,6 +9,7 @@
 #include "cuda_like/hints.h"
 #include "cuda_like/ops/cqt_design.h"
 #include "cuda_like/ops/cqt_tables.h"
+#include "cuda_like/ops/plan_map.h"
 
 namespace kevra::ops {
 
@@ -62,5 +63,17 @@ std::shared_ptr<const CqtPlan> cqt_plan(const CqtCall& call);
 
 // The part of that which needs no device; all that an empty call is held to.
 void check_cqt(const CqtCall& call);
+
+// --- What the transform's plan has in common with its gradient's --------------------------
+
+// Of all that tells two plans of calls apart.
+PlanKey cqt_plan_key(const CqtCall& call);
+
+// The records by level, in the design's order within one, their tables uploaded. None is fused.
+template <class T>
+std::vector<CqtStep> cqt_steps(const CqtCall& call, const std::vector<int64_t>& lengths);
+
+// Spectra in device memory are rows of one transform, counted in 31 bits.
+void check_spectra(const CqtCall& call, const std::vector<CqtStep>& steps);
 
 }  // namespace kevra::ops

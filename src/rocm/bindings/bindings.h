@@ -21,6 +21,7 @@ void bind_statistics(pybind11::module_& m);
 void bind_convolution(pybind11::module_& m);
 void bind_cqt(pybind11::module_& m);
 void bind_icqt(pybind11::module_& m);
+void bind_cqt_gradients(pybind11::module_& m);
 void bind_chroma(pybind11::module_& m);
 void bind_lfilter(pybind11::module_& m);
 void bind_feature_gradients(pybind11::module_& m);

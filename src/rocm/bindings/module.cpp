@@ -18,6 +18,7 @@ PYBIND11_MODULE(_rocm, m) {
   kevra::bindings::bind_statistics(m);
   kevra::bindings::bind_cqt(m);
   kevra::bindings::bind_icqt(m);
+  kevra::bindings::bind_cqt_gradients(m);
   kevra::bindings::bind_chroma(m);
   kevra::bindings::bind_convolution(m);
   kevra::bindings::bind_lfilter(m);
