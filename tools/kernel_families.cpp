@@ -45,6 +45,7 @@ const std::vector<Family>& families() {
                                        cqt_half_band_adjoint_family(),
                                        cqt_add_level_family(),
                                        chroma_family(),
+                                       chroma_adjoint_family(),
                                        tonnetz_family(),
                                        icqt_dual_family(),
                                        icqt_overlap_family(),

@@ -61,6 +61,7 @@ Family cqt_spectrum_gradient_family();
 Family cqt_half_band_adjoint_family();
 Family cqt_add_level_family();
 Family chroma_family();
+Family chroma_adjoint_family();
 Family tonnetz_family();
 Family stft_adjoint_family();
 Family istft_adjoint_family();

@@ -106,6 +106,10 @@ Kernel make_overlap(const Values& values) {
   return plain(codegen::IcqtOverlapKernel{values.at("prec")});
 }
 
+Kernel make_chroma_adjoint(const Values& values) {
+  return plain(codegen::ChromaAdjointKernel{values.at("prec"), values.at("n_chroma")});
+}
+
 Kernel make_tonnetz(const Values& values) {
   return plain(codegen::TonnetzKernel{values.at("prec")});
 }
@@ -200,6 +204,14 @@ Family icqt_overlap_family() {
           "mean of overlapping frames, added to a signal",
           {arithmetic},
           make_overlap,
+          both_twins};
+}
+
+Family chroma_adjoint_family() {
+  return {"chroma_adjoint",
+          "gradients of constant-Q magnitudes from those of pitch classes",
+          {arithmetic, {"n_chroma", 12, 1, 1024, "classes"}},
+          make_chroma_adjoint,
           both_twins};
 }
 

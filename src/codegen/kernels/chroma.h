@@ -21,4 +21,16 @@ struct ChromaKernel {
   std::string source(const Backend& backend) const;
 };
 
+// gmag[batch][i][t] = g[batch][cls[i]][t] over the frame's peak, as the kernel above has it: the
+// gradient of its result with the peak taken for a constant. Takes (mag, gmag, g, cls, n_bins, nf).
+struct ChromaAdjointKernel {
+  static constexpr const char* kName = "kevra_chradj";
+
+  int compute;
+  int n_chroma;
+
+  std::string key() const;
+  std::string source(const Backend& backend) const;
+};
+
 }  // namespace kevra::codegen

@@ -10,7 +10,6 @@
 #include "cuda_like/hash.h"
 #include "cuda_like/ops/cqt.h"
 #include "cuda_like/ops/guards.h"
-#include "cuda_like/ops/plan_map.h"
 
 namespace kevra::ops {
 namespace {
@@ -19,8 +18,6 @@ using codegen::ChromaKernel;
 
 constexpr const char* kOp = "chroma";
 constexpr unsigned kBlock = 256;
-// The sums of a frame are one thread's.
-constexpr int64_t kMostClasses = 1024;
 
 struct FoldPlan {
   kernel_t fn = nullptr;
@@ -30,10 +27,7 @@ struct FoldPlan {
 template <class T>
 FoldPlan fold_plan(const CqtCall& call, const ChromaClasses& c, bool half) {
   static thread_local PlanMap<FoldPlan> plans;
-  const PlanKey key{
-      key_of({content_hash(call.design.plan_key), uint64_t(call.design.n_bins),
-              uint64_t(c.classes.count), uint64_t(c.n_chroma), uint64_t(call.device), half}),
-      0};
+  const PlanKey key = fold_key(call, c, half);
   if (const auto it = plans.find(key); it != plans.end()) return it->second;
   const int compute = codegen::kPrecisionOf<T>;
   const ChromaKernel kernel{compute, static_cast<int>(c.n_chroma), half ? codegen::kHalf : compute};
@@ -44,11 +38,6 @@ FoldPlan fold_plan(const CqtCall& call, const ChromaClasses& c, bool half) {
   return plan;
 }
 
-void check_classes(const ChromaClasses& c) {
-  require_at_least(kOp, "n_chroma", c.n_chroma, 1);
-  require_at_most(kOp, "n_chroma", c.n_chroma, kMostClasses);
-}
-
 // Plans of the two stages; what is wrong with the arguments is told here.
 struct ChromaPlan {
   std::shared_ptr<const CqtPlan> magnitudes;
@@ -57,19 +46,9 @@ struct ChromaPlan {
 
 template <class T>
 ChromaPlan chroma_plan(const CqtCall& magnitudes, const ChromaClasses& classes, bool half) {
-  check_classes(classes);
+  check_classes(kOp, classes);
   std::shared_ptr<const CqtPlan> plan = cqt_plan<T>(magnitudes);
   return {std::move(plan), fold_plan<T>(magnitudes, classes, half)};
-}
-
-// The first stage of a chroma call: magnitudes in the type of the arithmetic.
-CqtCall magnitudes_of(const CqtCall& call) {
-  CqtCall magnitudes = call;
-  magnitudes.op = kOp;
-  magnitudes.form = codegen::kMagnitudeForm;
-  magnitudes.eps = 0;
-  magnitudes.half_output = false;
-  return magnitudes;
 }
 
 template <class T>
@@ -89,15 +68,38 @@ void queue_chroma(const ChromaPlan& plan, CqtCall magnitudes, devptr_t out) {
 
 template <class T>
 void chroma(const CqtCall& call, const ChromaClasses& classes) {
-  const CqtCall magnitudes = magnitudes_of(call);
+  const CqtCall magnitudes = magnitudes_of(kOp, call);
   if (call.is_empty()) {
-    check_classes(classes);
+    check_classes(kOp, classes);
     return check_cqt(magnitudes);
   }
   queue_chroma<T>(chroma_plan<T>(magnitudes, classes, call.half_output), magnitudes, call.out);
 }
 
 }  // namespace
+
+void check_classes(const char* op, const ChromaClasses& classes) {
+  // The sums of a frame are one thread's.
+  constexpr int64_t kMostClasses = 1024;
+  require_at_least(op, "n_chroma", classes.n_chroma, 1);
+  require_at_most(op, "n_chroma", classes.n_chroma, kMostClasses);
+}
+
+CqtCall magnitudes_of(const char* op, const CqtCall& call) {
+  CqtCall magnitudes = call;
+  magnitudes.op = op;
+  magnitudes.form = codegen::kMagnitudeForm;
+  magnitudes.eps = 0;
+  magnitudes.half_output = false;
+  return magnitudes;
+}
+
+PlanKey fold_key(const CqtCall& call, const ChromaClasses& classes, bool half) {
+  return {key_of({content_hash(call.design.plan_key), uint64_t(call.design.n_bins),
+                  uint64_t(classes.classes.count), uint64_t(classes.n_chroma),
+                  uint64_t(call.device), half}),
+          0};
+}
 
 void chroma_resident(const CqtCall& call, const ChromaClasses& classes, int prec) {
   CqtCall twin = call;
@@ -110,12 +112,13 @@ PinnedArray<T> chroma_staged(const HostArray<T>& y, const CqtDesign& design,
                              const ChromaClasses& classes) {
   if (y.dims() != 2) throw std::invalid_argument("expected a 2-D (batch, samples) array");
   CqtCall call = magnitudes_of(
+      kOp,
       {.x = nullptr, .out = nullptr, .batch = y.shape[0], .length = y.shape[1], .design = design});
   const int64_t B = call.batch;
   const int64_t n_chroma = classes.n_chroma;
   const int64_t nf = design.frames;
   if (call.is_empty()) {
-    check_classes(classes);
+    check_classes(kOp, classes);
     check_cqt(call);
     select_device(0);
     return PinnedArray<T>({B, n_chroma, nf});

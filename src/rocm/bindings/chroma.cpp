@@ -69,7 +69,7 @@ void bind_chroma(py::module_& m) {
          int64_t frames) {
         const bool wide = is_double_input(y);
         const DesignArgument argument("chroma", n_levels, octaves, taps, plan_key, n_bins, frames);
-        const ClassesArgument of_bins(classes);
+        const ClassesArgument of_bins("chroma", classes);
         const ops::ChromaClasses fold{of_bins.classes, n_chroma};
         return wide ? chroma_staged<double>(y, argument.design, fold)
                     : chroma_staged<float>(y, argument.design, fold);
@@ -93,7 +93,7 @@ Source: T. Fujishima, Realtime chord recognition of musical sound: a system usin
          const std::string& plan_key, int64_t n_bins, int64_t n_chroma, int64_t frames, int prec,
          int device, uintptr_t stream) {
         const DesignArgument argument("chroma", n_levels, octaves, taps, plan_key, n_bins, frames);
-        const ClassesArgument of_bins(classes);
+        const ClassesArgument of_bins("chroma", classes);
         ops::chroma_resident({.x = reinterpret_cast<devptr_t>(x_ptr),
                               .out = reinterpret_cast<devptr_t>(out_ptr),
                               .batch = batch,

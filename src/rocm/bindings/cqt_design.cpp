@@ -120,8 +120,9 @@ DualsArgument::DualsArgument(const char* op, const py::list& octaves) {
   }
 }
 
-ClassesArgument::ClassesArgument(const py::object& object)
-    : array_(numbers(object, 1, "iub", "chroma: classes", "a 1-D array of whole numbers")) {
+ClassesArgument::ClassesArgument(const char* op, const py::object& object)
+    : array_(numbers(object, 1, "iub", std::string(op) + ": classes",
+                     "a 1-D array of whole numbers")) {
   classes = {array_.size(), [this] { return values_of<int64_t>(array_); }};
 }
 

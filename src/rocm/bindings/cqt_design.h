@@ -43,10 +43,10 @@ class DualsArgument {
   std::vector<pybind11::array> arrays_;
 };
 
-// The argument classes: whole numbers, one a bin.
+// The argument classes: whole numbers, one a bin. ValueError, naming `op`, for other things.
 class ClassesArgument {
  public:
-  explicit ClassesArgument(const pybind11::object& object);
+  ClassesArgument(const char* op, const pybind11::object& object);
   ClassesArgument(const ClassesArgument&) = delete;
   ClassesArgument& operator=(const ClassesArgument&) = delete;
 
