@@ -46,7 +46,8 @@ def test_every_hop_and_length(n):
             gy = rng.standard_normal((2, length))
             got = istft_adjoint(gy, window, n, hop, center, frames, DOUBLE)
             want = istft_transposed(gy, window, n, hop, center, frames)
-            np.testing.assert_allclose(got, want, rtol=1e-12, atol=1e-12, err_msg=f"{hop=} {center=} {frames=} {length=}")
+            what = f"{hop=} {center=} {frames=} {length=}"
+            np.testing.assert_allclose(got, want, rtol=1e-12, atol=1e-12, err_msg=what)
             np.testing.assert_array_equal(got.imag[..., 0], 0)
             if n % 2 == 0:
                 np.testing.assert_array_equal(got.imag[..., -1], 0)
