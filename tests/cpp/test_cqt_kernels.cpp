@@ -5,6 +5,7 @@
 #include <set>
 
 #include "codegen/kernels/cqt.h"
+#include "codegen/kernels/cqt_adjoint.h"
 #include "codegen/kernels/cqt_fused.h"
 #include "codegen/precision.h"
 #include "codegen/sizes.h"
@@ -62,6 +63,10 @@ TEST(CqtKernels, EqualKeysHaveEqualTexts) {
       for (int prec : {kFloat, kDouble}) {
         const CqtReduceKernel reduce{prec, form, prec == kDouble ? kDouble : storage, 1e-10};
         add(reduce.key(), reduce.source(hip));
+        for (double eps : {1e-10, 1e-3, 0.0}) {
+          const CqtBinGradientKernel gradient{prec, form, eps};
+          add(gradient.key(), gradient.source(hip));
+        }
         // Devices of different shared memory: a double kernel may keep its roots elsewhere.
         int device = 0;
         for (int64_t cap : {kCap, int64_t{3000}, int64_t{2400}}) {

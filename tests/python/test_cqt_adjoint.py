@@ -47,7 +47,7 @@ def drawn(seed):
     return plan, x, g[0] + 1j * g[1]
 
 
-@pytest.mark.parametrize("seed", range(12))
+@pytest.mark.parametrize("seed", range(8))
 def test_random_plans_in_every_form(seed):
     plan, x, g = drawn(seed)
     spectrum = reference(x, plan)
@@ -55,12 +55,12 @@ def test_random_plans_in_every_form(seed):
     with Device() as device:
         for output, prec, ordered in ("complex", FLOAT, 0), ("complex", DOUBLE, 1), (form, FLOAT, 1), (form, DOUBLE, 0):
             kevra.set_deterministic(ordered)
-            eps = 1e-3 if seed < 6 else EPS
-            given = g if output == "complex" else g.real
+            eps = 1e-3 if seed < 4 else EPS
+            given = g if output == "complex" else g.real.astype(STORAGE[prec])
             want = transpose(bin_gradients(spectrum, given, output, eps), plan, x.shape[1])
             # The complex form reads no signal.
-            got = adjoint(device, x.astype(STORAGE[prec]), given.astype(STORAGE[prec]) if output != "complex" else given,
-                          plan, output, prec, eps, x_ptr=0 if output == "complex" else None)
+            got = adjoint(device, x.astype(STORAGE[prec]), given, plan, output, prec, eps,
+                          x_ptr=0 if output == "complex" else None)
             error = relative(got, want)
             bound = REAL_ERROR if output in ("magnitude", "db") else ERROR
             assert error <= bound[prec] * (2 if output == "power" else 1), f"{seed=} {output} {prec=} {plan}: {error}"
@@ -81,6 +81,18 @@ def test_octaves_that_share_a_level_all_count():
             parts.append(adjoint(device, x, only, plan, "complex", DOUBLE))
             assert relative(parts[-1], transpose(only, plan, 300)) <= ERROR[DOUBLE]
     np.testing.assert_allclose(whole, sum(parts), rtol=0, atol=1e-13 * abs(whole).max())
+
+
+def test_signals_of_a_few_samples():
+    """Shorter than a filter, down to one sample, so that every level ends within the taps' reach."""
+    rng = np.random.default_rng(7)
+    parts = basis(rng, 3, 16)
+    with Device() as device:
+        for length in range(1, 12):
+            plan = Plan(3, [(2, 1, 16, 0, *parts), (0, 4, 16, 3, *parts)], half_band(), new_key(), 6, 1)
+            x, g = np.zeros((2, length)), rng.standard_normal((2, 6, 1)) + 0j
+            np.testing.assert_allclose(adjoint(device, x, g, plan, "complex", DOUBLE), transpose(g, plan, length),
+                                       rtol=0, atol=1e-14, err_msg=str(length))
 
 
 @pytest.mark.parametrize("seed", range(16))
@@ -201,7 +213,7 @@ def test_what_is_refused_is_refused_before_anything_is_queued():
              r"kevra_cqtgc: batch exceeds grid\.y limit"),
             (GOOD.changed(n_levels=1), 2, "power", EPS, FLOAT,
              r"cqt_adjoint: octaves\[1\]: level is 1, must be below n_levels = 1"),
-            (GOOD.changed(frames=22), 2, "power", EPS, FLOAT, r"cqt_adjoint: octaves\[0\]: frames is 22, must be at mos"),
+            (GOOD.changed(frames=22), 2, "power", EPS, FLOAT, r"cqt_adjoint: octaves\[0\]: frames is 22, must be at"),
             (GOOD.changed(octaves=octaves[:1]), 2, "power", EPS, FLOAT, "cqt_adjoint: bin 0 belongs to no record"),
             (GOOD.changed(taps=np.ones(64)), 2, "power", EPS, FLOAT, r"cqt_adjoint: taps has shape \(1, 64\)"),
             (GOOD, 2, "db", -1.0, FLOAT, "cqt_adjoint: eps is -1, must be finite"),
@@ -217,13 +229,14 @@ def test_what_is_refused_is_refused_before_anything_is_queued():
         np.testing.assert_array_equal(device.download(out, (2, 2000), np.float32), 7)
 
 
+ZEROED = [r"glp\[l\], 0, \(size_t\)B \* lens\[l\]", r"padded\.p, 0, \(size_t\)B \* plen",
+          r"gS\.p, 0, \(size_t\)B \* nfl \* nb \* 2"]
 # The test's own three arrays come before what the operation asks for.
 FAILING = [
-    ("hipMalloc", 4, r"r \[memAlloc\]"), ("hipMalloc", 14, r"r \[memAlloc\]"), ("hipMemcpyHtoD", 5, r"memcpyHtoD\(.*\)"),
-    ("hipMemsetD8Async", 1, r"memsetD8Async\(glp\[l\], 0, \(size_t\)B \* lens\[l\] \* sizeof\(T\), \(stream_t\)stream\)"),
-    ("hipMemsetD8Async", 2, r"memsetD8Async\(padded\.p, 0, \(size_t\)B \* plen \* sizeof\(T\), \(stream_t\)stream\)"),
-    ("hipMemsetD8Async", 3, r"memsetD8Async\(gS\.p, 0, \(size_t\)B \* nfl \* nb \* 2 \* sizeof\(T\), \(stream_t\)stream\)"),
-    ("hipMemcpyParam2DAsync", 1, r"memcpy2DAsync\(&c, \(stream_t\)stream\)"),
+    *[("hipMemsetD8Async", k + 1, rf"memsetD8Async\({what} \* sizeof\(T\), \(stream_t\)stream\)")
+      for k, what in enumerate(ZEROED)],
+    ("hipMalloc", 4, r"r \[memAlloc\]"), ("hipMalloc", 14, r"r \[memAlloc\]"),
+    ("hipMemcpyHtoD", 5, r"memcpyHtoD\(.*\)"), ("hipMemcpyParam2DAsync", 1, r"memcpy2DAsync\(&c, \(stream_t\)stream\)"),
     ("hipModuleLaunchKernel", 1, r".*ModuleLaunchKernel\(.* \[kevra_hbdec\]"),
     ("hipModuleLaunchKernel", 4, r".*ModuleLaunchKernel\(.* \[kevra_cqtradj\]"),
 ]
