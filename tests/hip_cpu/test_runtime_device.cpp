@@ -156,7 +156,7 @@ TEST(RuntimeMemory, RangesPastAnAllocationAreRefused) {
 }
 
 TEST(RuntimeLaunch, ImpossibleShapesAreRefused) {
-  if (!in_child_with({{"KEVRA_CPU_SHARED_LIMIT", "1000"}})) return;
+  if (!in_child_with({{"KEVRA_CPU_SHARED_LIMIT", "1000"}, {"KEVRA_CPU_CACHE", "64K"}})) return;
   Shared list;
   void* append = load("append");
   int* target = list.get();
@@ -166,6 +166,7 @@ TEST(RuntimeLaunch, ImpossibleShapesAreRefused) {
     return ModuleLaunchKernel(append, gx, gy, 1, bx, by, 1, shared, nullptr, arguments, nullptr);
   };
   EXPECT_EQ(attribute(74), 1000);
+  EXPECT_EQ(attribute(19), 65536);
   EXPECT_EQ(attempt(0, 1, 1, 1, 0), 1);
   EXPECT_EQ(attempt(1, 1, 1, 0, 0), 1);
   EXPECT_EQ(attempt(1, 1, 1025, 1, 0), 1);

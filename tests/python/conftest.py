@@ -31,6 +31,7 @@ def pytest_configure(config):
     os.environ["KEVRA_CACHE_DIR"] = shared or config.kevra_cache
     os.environ["KEVRA_HIP_PATH"] = str(Path(package.origin).parent / "hip_cpu" / "libamdhip64.so")
     os.environ.pop("KEVRA_HIPRTC_PATH", None)
+    os.environ["KEVRA_CPU_CACHE"] = "64K"  # tuners overwrite it before each run; the machine's may be huge
 
 
 def pytest_unconfigure(config):

@@ -69,6 +69,9 @@ Settings read_environment() {
   read_number("KEVRA_CPU_DEVICES", 0, 64, "a whole number from 0 to 64", out.devices);
   read_number("KEVRA_CPU_MEMORY", 1, SIZE_MAX, "bytes as a whole number, or with K, M or G behind",
               out.memory, byte_count);
+  read_number("KEVRA_CPU_CACHE", 1, size_t{1} << 30,
+              "bytes from 1 to 1G as a whole number, or with K, M or G behind", out.cache,
+              byte_count);
   read_number("KEVRA_CPU_SHARED_LIMIT", 0, size_t{1} << 30,
               "bytes from 0 to 1G as a whole number, or with K, M or G behind", out.shared_limit,
               byte_count);

@@ -15,6 +15,7 @@ struct Settings {
   int threads = 1;    // THREADS: worker threads; unset: the processors of this process
   int devices = 1;    // DEVICES: 0 to 64
   size_t memory = 0;  // MEMORY: bytes a device; unset: half of the machine's memory
+  size_t cache = 0;   // CACHE: bytes that the device tells as its cache; 0: the processor's
   size_t shared_limit = 65536;   // SHARED_LIMIT: bytes of shared memory a block may ask for
   Order order = Order::forward;  // ORDER: forward, reverse or shuffle:seed
   uint64_t order_seed = 0;

@@ -18,6 +18,7 @@ namespace {
 constexpr int warp_size = 32;
 
 int last_level_cache_bytes() {
+  if (settings().cache != 0) return static_cast<int>(settings().cache);
   for (const int level : {_SC_LEVEL3_CACHE_SIZE, _SC_LEVEL2_CACHE_SIZE}) {
     const long bytes = sysconf(level);
     if (bytes > 0) return static_cast<int>(std::min<long>(bytes, INT32_MAX));
