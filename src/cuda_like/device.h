@@ -64,6 +64,7 @@ int memAlloc(devptr_t* p, size_t bytes);  // past the pool
 int deviceSynchronize();
 int streamSynchronize(stream_t stream);
 int eventCreate(event_t* event);
+int eventDestroy(event_t event);
 int eventRecord(event_t event, stream_t stream);
 int eventElapsedTime(float* milliseconds, event_t start, event_t stop);
 int streamWaitEvent(stream_t stream, event_t event);
@@ -89,6 +90,8 @@ void check_shared(size_t bytes, int dev, const char* name);
 // How many of a kernel's blocks or groups of blocks run side by side; 0 when the platform does not
 // tell.
 int device_multiprocessors(int dev);
+// Bytes of the cache that all blocks share; 0 when the platform does not tell.
+int device_cache_bytes(int dev);
 // Threads that run in step.
 int device_wave_size(int dev);
 

@@ -31,6 +31,12 @@ std::string property_text(int dev, size_t offset) {
   return field.substr(0, field.find('\0'));
 }
 
+int attribute_or_zero(int attribute, int dev) {
+  int value = 0;
+  const int err = hip_dl::api().DeviceGetAttribute(&value, attribute, dev);
+  return err != 0 || value < 0 ? 0 : value;
+}
+
 bool find_device() {
   hip_dl::Table scratch{};
   if (!hip_dl::probe(scratch) || scratch.Init(0) != 0) return false;
@@ -98,9 +104,11 @@ int device_shared_limit(int dev) {
 }
 
 int device_multiprocessors(int dev) {
-  int count = 0;
-  const int err = hip_dl::api().DeviceGetAttribute(&count, hip_dl::kAttributeMultiprocessors, dev);
-  return err != 0 || count < 0 ? 0 : count;
+  return attribute_or_zero(hip_dl::kAttributeMultiprocessors, dev);
+}
+
+int device_cache_bytes(int dev) {
+  return attribute_or_zero(hip_dl::kAttributeCacheBytes, dev);
 }
 
 int device_wave_size(int dev) {

@@ -73,6 +73,9 @@ int streamSynchronize(stream_t stream) {
 int eventCreate(event_t* event) {
   return api().EventCreate(event);
 }
+int eventDestroy(event_t event) {
+  return api().EventDestroy(event);
+}
 int eventRecord(event_t event, stream_t stream) {
   return api().EventRecord(event, stream);
 }

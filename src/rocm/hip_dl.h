@@ -17,6 +17,7 @@ using graph_exec_t = void*;
 using program_t = void*;
 
 inline constexpr int kErrorOutOfMemory = 2;
+inline constexpr int kAttributeCacheBytes = 19;
 inline constexpr int kAttributeMultiprocessors = 63;
 inline constexpr int kAttributeSharedPerBlock = 74;
 inline constexpr int kAttributeWaveSize = 87;

@@ -1,7 +1,6 @@
 #include "cuda_like/ops/fft_route.h"
 
 #include <algorithm>
-#include <optional>
 
 #include "codegen/sizes.h"
 
@@ -14,17 +13,6 @@ using codegen::ShapeHint;
 
 bool one_of(int n, std::initializer_list<int> sizes) {
   return std::find(sizes.begin(), sizes.end(), n) != sizes.end();
-}
-
-// Sizes that leave for another path by n alone.
-std::optional<FftForm> form_by_size(const FftShape& s, int64_t limit) {
-  if (codegen::needs_bluestein(s.n)) return FftForm::kBluestein;
-  if (is_power_of_two(s.n)) {
-    if (s.n >= (s.wide ? 16384 : 32768)) return FftForm::kFourStep;
-  } else if (s.n >= 8193 && (int64_t{s.n} + s.n / 16 + 1) * s.complex_bytes() > limit) {
-    return FftForm::kFourStep;
-  }
-  return std::nullopt;
 }
 
 // Squares p p and cubes p p p of small radices: the whole transform in two or three butterflies.
@@ -238,8 +226,18 @@ codegen::RegisterFftKernel register_kernel(const FftShape& s, const FftRoute& ro
           .half_exchange = reg.half_exchange};
 }
 
+std::optional<FftForm> fft_form_by_size(const FftShape& s, int64_t limit) {
+  if (codegen::needs_bluestein(s.n)) return FftForm::kBluestein;
+  if (is_power_of_two(s.n)) {
+    if (s.n >= (s.wide ? 16384 : 32768)) return FftForm::kFourStep;
+  } else if (s.n >= 8193 && (int64_t{s.n} + s.n / 16 + 1) * s.complex_bytes() > limit) {
+    return FftForm::kFourStep;
+  }
+  return std::nullopt;
+}
+
 FftRoute route_fft(const FftShape& s, const ShapeHint& h, int64_t limit) {
-  if (const auto form = form_by_size(s, limit)) return {*form, {}, {}};
+  if (const auto form = fft_form_by_size(s, limit)) return {*form, {}, {}};
   if (h.core != 1) {
     if (auto route = power_route(s, h, limit)) return *std::move(route);
   }

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "codegen/kernels/fft.h"
@@ -61,6 +62,9 @@ struct FftRoute {
 
 // The kernel of one of the four register forms.
 codegen::RegisterFftKernel register_kernel(const FftShape& shape, const FftRoute& route);
+
+// The form of sizes that leave for another path by n alone: no hint steers them.
+std::optional<FftForm> fft_form_by_size(const FftShape& shape, int64_t shared_limit);
 
 // A hint that cannot be honoured is lowered or passed over; it never fails a transform.
 FftRoute route_fft(const FftShape& shape, const codegen::ShapeHint& hint, int64_t shared_limit);

@@ -19,19 +19,6 @@ using codegen::ShapeHint;
 // Above this the four-step path is the faster one of the double twin, even where a row fits.
 constexpr int64_t kWideSharedBytes = 49152;
 
-// Sizes that leave for another path by n alone.
-std::optional<RfftForm> form_by_size(const RfftShape& s, int64_t limit) {
-  if (codegen::needs_bluestein(s.n)) return RfftForm::kBluestein;
-  if (s.n < 4) return RfftForm::kTiny;
-  if (s.n % 2 != 0) {
-    if (odd_native(s.n, s.wide, limit)) return std::nullopt;
-    return RfftForm::kBluestein;
-  }
-  const int h = s.n / 2;
-  const int longest = is_power_of_two(s.n) ? (s.wide ? 8191 : 16383) : 8192;
-  return h > longest ? std::optional(RfftForm::kFourStep) : std::nullopt;
-}
-
 bool wants_registers(const RfftShape& s, const ShapeHint& h, int length) {
   if (h.core == 1 || h.core == 2) return h.core == 2;
   if (s.n % 2 != 0) return true;
@@ -137,8 +124,20 @@ bool odd_native(int n, bool wide, int64_t shared_limit) {
   });
 }
 
+std::optional<RfftForm> rfft_form_by_size(const RfftShape& s, int64_t limit) {
+  if (codegen::needs_bluestein(s.n)) return RfftForm::kBluestein;
+  if (s.n < 4) return RfftForm::kTiny;
+  if (s.n % 2 != 0) {
+    if (odd_native(s.n, s.wide, limit)) return std::nullopt;
+    return RfftForm::kBluestein;
+  }
+  const int h = s.n / 2;
+  const int longest = is_power_of_two(s.n) ? (s.wide ? 8191 : 16383) : 8192;
+  return h > longest ? std::optional(RfftForm::kFourStep) : std::nullopt;
+}
+
 RfftRoute route_rfft(const RfftShape& s, const ShapeHint& h, int64_t limit) {
-  if (const auto form = form_by_size(s, limit)) return {*form, {}, {}};
+  if (const auto form = rfft_form_by_size(s, limit)) return {*form, {}, {}};
   if (wants_registers(s, h, s.rows().length())) {
     if (auto kernel = register_kernel(s, h, limit)) {
       return {RfftForm::kRegister, *std::move(kernel), {}};

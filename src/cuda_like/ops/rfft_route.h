@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "codegen/kernels/rfft.h"
 #include "codegen/kernels/rfft_register.h"
@@ -35,6 +36,9 @@ struct RfftRoute {
 // Whether an odd n has stages of its own: it fits shared memory beside its scratch, and its radices
 // divide one another or are small or primes whose convolution has small radices.
 bool odd_native(int n, bool wide, int64_t shared_limit);
+
+// The form of sizes that leave for another path by n alone: no hint steers them.
+std::optional<RfftForm> rfft_form_by_size(const RfftShape& shape, int64_t shared_limit);
 
 // A hint that cannot be honoured is lowered or passed over; it never fails a transform.
 RfftRoute route_rfft(const RfftShape& shape, const codegen::ShapeHint& hint, int64_t shared_limit);

@@ -26,5 +26,6 @@ void bind_chroma(pybind11::module_& m);
 void bind_lfilter(pybind11::module_& m);
 void bind_feature_gradients(pybind11::module_& m);
 void bind_routing(pybind11::module_& m);
+void bind_tuners(pybind11::module_& m);
 
 }  // namespace kevra::bindings

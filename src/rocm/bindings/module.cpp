@@ -24,4 +24,5 @@ PYBIND11_MODULE(_rocm, m) {
   kevra::bindings::bind_lfilter(m);
   kevra::bindings::bind_feature_gradients(m);
   kevra::bindings::bind_routing(m);
+  kevra::bindings::bind_tuners(m);
 }
