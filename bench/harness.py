@@ -18,6 +18,7 @@ from pathlib import Path
 
 import kevra
 from kevra import _diagnostics
+from kevra._progress import progress
 
 HERE = Path(__file__).parent
 
@@ -113,19 +114,6 @@ def device() -> str:
     if not kevra.available():
         raise SystemExit("No device: `python -m kevra` tells what was looked for; leave out --gpu for the CPU device.")
     return f"{kevra.device_name()} ({kevra.device_arch()})"
-
-
-def progress(steps, label: str):
-    """Walks through `steps` with a bar on the terminal; silent where the output goes to a file."""
-    steps = list(steps)
-    shown = sys.stderr.isatty()
-    for done, step in enumerate(steps):
-        if shown:
-            filled = 30 * done // len(steps)
-            print(f"\r{label} [{'#' * filled}{'.' * (30 - filled)}] {done}/{len(steps)}", end="", file=sys.stderr)
-        yield step
-    if shown:
-        print("\r\033[K", end="", file=sys.stderr)
 
 
 @contextmanager
