@@ -50,17 +50,21 @@ other_python_version() {
   return 1
 }
 
+# create_venv FOLDER INTERPRETER [PACKAGE...]
 create_venv() {
   local folder=$1 interpreter=$2
+  shift 2
   rm -rf "$folder"
   "$interpreter" -m venv "$folder" || return 1
   "$folder/bin/python" -m pip install --disable-pip-version-check --only-binary :all: \
-    -r "$root/setup/requirements.txt"
+    -r "$root/setup/requirements.txt" "$@"
 }
 
-# ensure_venv FOLDER KEY VERSIONS: builds the environment unless its stamp says that it is complete.
+# ensure_venv FOLDER KEY VERSIONS [PACKAGE...]: builds the environment, with packages beside those of requirements.txt,
+# unless its stamp says that it is complete.
 ensure_venv() {
   local folder=$1 key=$2 versions=$3 interpreter
+  shift 3
   if stamp_is "$folder/.complete" "$key" && "$folder/bin/python" -c '' 2>/dev/null; then
     return 0
   fi
@@ -73,7 +77,7 @@ ensure_venv() {
       fail "No Python from 3.10 with venv and development headers was found; install one and run this again."
   fi
   run_logged "$(basename "$folder")" "Python packages for $("$interpreter" -V) in $(basename "$folder")" \
-    create_venv "$folder" "$interpreter" ||
+    create_venv "$folder" "$interpreter" "$@" ||
     fail "The Python packages could not be installed; check that pip reaches its package index and run this again."
   stamp "$folder/.complete" "$key"
 }
@@ -91,5 +95,33 @@ setup_python() {
   local key
   key=$(hash_of "$venv" "$versions" "$(<"$root/setup/requirements.txt")")
   with_lock "python$variant" ensure_venv "$venv" "$key" "$versions" || exit 1
+  python=$venv/bin/python
+}
+
+# torch_offer: "VERSION REQUIREMENT" for the first Python here that pip finds PyTorch's CPU build for. Such builds are
+# marked +cpu; the unmarked ones bring gigabytes for GPUs. setup_python has chosen the pip that looks.
+torch_offer() {
+  local version build
+  for version in $python_versions; do
+    find_python "$version" >/dev/null || continue
+    build=$("$python" -m pip index versions torch --python-version "$version" --only-binary :all: 2>/dev/null |
+      grep -oE '[0-9][0-9.]*\+cpu' | sort -V | tail -n 1) || continue
+    [ -z "$build" ] || { say "$version torch==$build" && return 0; }
+  done
+  return 1
+}
+
+# setup_torch: as setup_python, with an environment that has PyTorch, for whichever Python that takes. What was found
+# once stays, so that later runs ask no package index.
+setup_torch() {
+  setup_python ""
+  local folder=$root/.venv-torch offer key
+  offer=$(cat "$folder/.offer" 2>/dev/null) || offer=$(torch_offer) ||
+    fail "pip finds no CPU build of PyTorch for any Python here; let it see an index that has one (PIP_EXTRA_INDEX_URL) and run this again."
+  key=$(hash_of "$folder" "$offer" "$(<"$root/setup/requirements.txt")")
+  with_lock python-torch ensure_venv "$folder" "$key" "${offer% *}" "${offer#* }" || exit 1
+  stamp "$folder/.offer" "$offer"
+  venv=$folder
+  variant=-torch
   python=$venv/bin/python
 }

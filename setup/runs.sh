@@ -87,6 +87,18 @@ run_release() {
   [ -z "$py" ] || run_pytest "$1"
 }
 
+# kevra.torch, in the environment that setup_torch chose.
+run_torch() {
+  if ! build_release kevra_package; then
+    broken+=("build")
+    return 0
+  fi
+  device_switches '' ''
+  fresh_cache
+  pytest_arguments=(tests/python/with_torch "${pytest_arguments[@]}")
+  run_pytest torch
+}
+
 # Sanitized objects take twice as long to compile with full optimisation as with little, and the compiler's warnings
 # about them are often false.
 run_sanitized() {

@@ -64,6 +64,17 @@ class TestUseCpuDevice:
         assert f"RuntimeError: use_cpu_device: this process already holds another hipRTC, {other}" in child.stderr
 
 
+class TestPyTorch:
+    def test_is_not_imported_with_the_package_and_not_needed_by_it(self, run_python):
+        child = run_python(
+            "import sys\nsys.modules['torch'] = None  # as where it is not installed\n"
+            "import kevra\n"
+            "try:\n    import kevra.torch\nexcept ImportError as error:\n    print(type(error).__name__, error)")
+        assert child.stdout.startswith("ImportError kevra.torch needs PyTorch, which this Python does not have")
+        child = run_python("import sys, kevra\nprint([name for name in sys.modules if name.startswith('torch')])")
+        assert child.stdout.strip() == "[]"
+
+
 class TestDiagnostics:
     def test_reading_probes_and_binds_nothing(self, run_python):
         child = run_python("import json, kevra\nprint(json.dumps(kevra._diagnostics.read()))")
