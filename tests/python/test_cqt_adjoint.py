@@ -5,7 +5,7 @@ import re
 import kevra
 import numpy as np
 import pytest
-from constant_q import Plan, basis, bin_gradients, draw, half_band, in_form, new_key, reference, relative, transpose
+from constant_q import Plan, basis, bin_gradients, draw, half_band, new_key, reference, relative, transpose
 from kevra import _diagnostics
 from spectrograms import FORMS
 from support import DOUBLE, FLOAT, HALF, STORAGE, Device, Fresh, fresh, pools_in_use
