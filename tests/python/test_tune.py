@@ -11,11 +11,10 @@ from pathlib import Path
 import kevra
 import numpy as np
 import pytest
-from kevra import _tuned_file, _tuning_jobs
+from kevra import _tuned_file
 from kevra._tuned_file import TunedShape
-from support import DOUBLE, FLOAT, HALF, Device, Fresh
+from support import FLOAT, Fresh
 
-PACKED = 3
 KERNELS = os.environ["KEVRA_CACHE_DIR"]
 QUICK = {"iters": 1, "warmup": 1}
 FFT = {"n": 18, "batch": 7}
@@ -81,64 +80,6 @@ def test_an_interrupt_loses_nothing_that_was_measured(monkeypatch):
     with pytest.raises(KeyboardInterrupt):
         kevra.tune("fft", n=[18, 20, 24], batch=1)
     assert {tuned.n_fft for tuned in _tuned_file.read(0).values()} == {18}
-
-
-# --- Every shape's hint reaches its plain call ------------------------------------------------------------------------
-
-def plain_calls(op, prec, device, shape):
-    x, out = device.upload(np.zeros(1 << 16)), device.empty(1 << 16, np.float64)
-    if op == "fft":
-        return [lambda inverse=inverse: kevra.fft_resident(x, out, 7, 18, inverse, prec, 0, 0)
-                for inverse in (False, True)]
-    if op == "rfft":
-        return [lambda way=way: way(x, out, 7, 20, prec, 0, 0) for way in (kevra.rfft_resident, kevra.irfft_resident)]
-    if op == "stft":
-        return [lambda: kevra.stft_resident(x, out, 2, 400, 64, 16, False, "power", 1e-10, "hann", prec)]
-    if op == "istft":
-        return [lambda: kevra.istft_resident(x, out, 1, 25, 9, 225, 1, 25, 48, 16, True, -1, "hann", prec)]
-    if op == "mel":
-        return [lambda: kevra.mel_resident(x, out, 2, 400, shape["fb"], 48, 16, True, 2, "db", 1e-10, "hann", prec)]
-    plan = shape["plan"].arguments(4000)
-    return [lambda: kevra.cqt_resident(x, out, 1, 4000, *plan, "magnitude", 1e-10, prec)]
-
-
-SHAPES = {
-    "fft": (FFT, {"tpf": 48, "core": 1}),
-    "rfft": ({"n": 20, "batch": 7}, {"tpf": 48, "core": 1}),
-    "stft": ({"batch": 2, "length": 400, "n_fft": 64, "hop": 16, "center": False, "output": "power"}, {"fpb": 3}),
-    "istft": ({"batch": 1, "frames": 9, "n_fft": 48, "hop": 16}, {"tpf": 48}),
-    "mel": ({"batch": 2, "length": 400, "fb": np.ones((3, 25)), "n_fft": 48, "hop": 16, "output": "db"}, {"tpf": 48}),
-    "cqt": ({"batch": 1, "length": 4000, "output": "magnitude"}, {"core": 1}),
-}
-NO_WISH = {"ept": 0, "fpb": 0, "tpf": 0, "core": 0, "var": 0, "ms": 1.0}
-MARK = "-- next call\n"
-
-
-def with_and_without_hints(op, prec):
-    shape, wish = SHAPES[op]
-    if op == "cqt":
-        shape = {**shape, "plan": kevra.constant_q_plan(8000, 64, 24)}
-    one = _tuning_jobs.job(op, prec, **shape)
-    with Device() as device:
-        calls = plain_calls(op, prec, device, shape)
-        for changes in {}, wish:
-            for key in one.shapes:
-                TunedShape(*key, **{**NO_WISH, **changes}, batch=one.batch, length=one.length).apply()
-            for call in calls:
-                os.write(2, MARK.encode())
-                call()
-        device.synchronize(0)
-
-
-@pytest.mark.parametrize("op, prec", [
-    *((op, prec) for op in ("fft", "rfft", "stft", "istft") for prec in (HALF, FLOAT, DOUBLE, PACKED)),
-    ("mel", FLOAT), ("mel", PACKED), ("cqt", FLOAT), ("cqt", DOUBLE), ("cqt", HALF)])
-def test_hints_are_for_the_calls_that_were_measured(op, prec):
-    environment = here(KEVRA_DEBUG="1", KEVRA_CPU_NULL="1", KEVRA_CACHE_DIR=KERNELS)
-    _, words = Fresh(with_and_without_hints, op, prec, env=environment).result()
-    launches = [re.findall(r"launch (.*) stream", part) for part in words.split(MARK)[1:]]
-    half = len(launches) // 2
-    assert half and all(default and default != hinted for default, hinted in zip(launches[:half], launches[half:]))
 
 
 # --- The file ---------------------------------------------------------------------------------------------------------

@@ -7,156 +7,117 @@ import kevra
 import numpy as np
 import pytest
 from constant_q import Plan, basis, half_band, new_key
-from support import DOUBLE, FLOAT, HALF, STORAGE, Device, Fresh, fresh, pools_in_use
+from kevra import TunedShape, _tuning_jobs
+from support import DOUBLE, FLOAT, HALF, Device, Fresh, fresh, pools_in_use
 
 PACKED = 3
 QUICK = {"iters": 1, "warmup": 1}
-ZEROS = {"ept": 0, "fpb": 0, "tpf": 0, "core": 0, "var": 0}
+B, L = 2, 400
+SIGNAL = {"batch": B, "length": L}
+FRAMES = {"n_fft": 48, "hop": 16}
 BANK = np.random.default_rng(2).uniform(0, 1, (5, 25))
-B, L, N, HOP = 2, 400, 48, 16
 
 
-def storage(prec):
-    return STORAGE[HALF if prec == PACKED else prec]
+class Design(Plan):
+    """Octaves of two sizes, given as a plan for signals of L samples."""
+
+    def arguments(self, length):
+        assert length == L
+        return Plan.arguments.fget(self)
 
 
-def constant_q():
+def design(**changes):
     rng = np.random.default_rng(3)
     octaves = [(0, 16, 64, 3, *basis(rng, 3, 64)), (1, 8, 32, 0, *basis(rng, 3, 32))]
-    return Plan(2, octaves, half_band(), new_key(), 6, 20)
+    return Design(**{**dict(n_levels=2, octaves=octaves, taps=half_band(), plan_key=new_key(), n_bins=6, frames=20),
+                     **changes})
 
 
-class Operation:
-    """A tuner, the plain call of the same shape, and how a hint for it is set."""
-
-    def __init__(self, device, prec):
-        self.prec = prec
-        self.x = device.upload(np.random.default_rng(1).standard_normal(4 * B * L).astype(storage(prec)))
-        self.out = device.empty(16 * B * L, np.float64)
-        self.bits = {HALF: 16, FLOAT: 32, DOUBLE: 64, PACKED: 16}[prec]
-
-    def hint(self, op, n, hop, center, output="complex", extra=0, bits=None):
-        def wish(ept=0, fpb=0, tpf=0, core=0, var=0, ms=0):
-            kevra.set_shape_hint(op, n, hop, center, bits or self.bits, output, extra, 0, ept, fpb, tpf, core, var)
-        return wish
-
-    def stft(self):
-        arguments = B, L, N, HOP, True, "power", 1e-10, "hann", self.prec
-        return (lambda **run: [kevra.stft_autotune_gpu(self.x, *arguments, **run)],
-                [lambda: kevra.stft_resident(self.x, self.out, *arguments)],
-                [self.hint("stft", N, HOP, True, "power")])
-
-    def stft_of_64(self):
-        arguments = B, L, 64, HOP, False, "complex", 1e-10, "hann", self.prec
-        return (lambda **run: [kevra.stft_autotune_gpu(self.x, *arguments, **run)],
-                [lambda: kevra.stft_resident(self.x, self.out, *arguments)],
-                [self.hint("stft", 64, HOP, False, bits=8 if self.prec == PACKED else None)])
-
-    def istft(self):
-        bins = N // 2 + 1
-        spectra = self.x, B, bins, 10, 10 * bins, 1, bins, N, HOP, True
-        return (lambda **run: [kevra.istft_autotune_gpu(*spectra, "hann", self.prec, **run)],
-                [lambda: kevra.istft_resident(spectra[0], self.out, *spectra[1:], -1, "hann", self.prec)],
-                [self.hint("istft", N, HOP, True)])
-
-    def mel(self):
-        arguments = B, L, BANK, N, HOP, False, 2, "db", 1e-10, "hann", self.prec
-        return (lambda **run: [kevra.mel_autotune_gpu(self.x, *arguments, **run)],
-                [lambda: kevra.mel_resident(self.x, self.out, *arguments)],
-                [self.hint("mel", N, HOP, False, "db", len(BANK))])
-
-    def fft(self):
-        bits = 8 if self.prec == PACKED else None
-        return (lambda **run: list(kevra.fft_autotune_gpu(self.x, 7, 18, self.prec, **run).values()),
-                [lambda inverse=inverse: kevra.fft_resident(self.x, self.out, 7, 18, inverse, self.prec, 0, 0)
-                 for inverse in (False, True)],
-                [self.hint("fft", 18, 0, inverse, bits=bits) for inverse in (False, True)])
-
-    def rfft(self):
-        return (lambda **run: list(kevra.rfft_autotune_gpu(self.x, 7, 20, self.prec, **run).values()),
-                [lambda way=way: way(self.x, self.out, 7, 20, self.prec, 0, 0)
-                 for way in (kevra.rfft_resident, kevra.irfft_resident)],
-                [self.hint("rfft", 20, 0, inverse) for inverse in (False, True)])
-
-    def cqt(self):
-        plan = constant_q().arguments
-        wishes = [self.hint("cqt", n, hop, False, "db", bits=64 if self.prec == DOUBLE else 32)
-                  for n, hop in ((64, 16), (32, 8))]
-
-        def tune(**run):
-            winner = kevra.cqt_autotune_gpu(self.x, B, L, *plan, "db", 1e-10, self.prec, **run)
-            assert winner.pop("octaves") == [(64, 16), (32, 8)]
-            return [{**ZEROS, **winner}]
-
-        return (tune, [lambda: kevra.cqt_resident(self.x, self.out, B, L, *plan, "db", 1e-10, self.prec)],
-                [lambda **wish: [one(**wish) for one in wishes]])
-
-
-NAMES = ["stft", "stft_of_64", "istft", "mel", "fft", "rfft", "cqt"]
+# The shape as kevra.tune takes it, and its plain calls: one for each of the tuner's winners, but for the octaves'.
+CASES = {
+    "stft": ({**SIGNAL, **FRAMES, "output": "power"}, lambda x, out, prec: [
+        lambda: kevra.stft_resident(x, out, B, L, 48, 16, True, "power", 1e-10, "hann", prec)]),
+    "stft_64": ({**SIGNAL, "n_fft": 64, "hop": 16, "center": False}, lambda x, out, prec: [
+        lambda: kevra.stft_resident(x, out, B, L, 64, 16, False, "", 1e-10, "hann", prec)]),
+    "istft": ({"batch": B, "frames": 10, **FRAMES}, lambda x, out, prec: [
+        lambda: kevra.istft_resident(x, out, B, 25, 10, 250, 1, 25, 48, 16, True, -1, "hann", prec)]),
+    "mel": ({**SIGNAL, **FRAMES, "fb": BANK, "output": "db"}, lambda x, out, prec: [
+        lambda: kevra.mel_resident(x, out, B, L, BANK, 48, 16, True, 2, "db", 1e-10, "hann", prec)]),
+    "fft": ({"batch": 7, "n": 18}, lambda x, out, prec: [
+        lambda inverse=inverse: kevra.fft_resident(x, out, 7, 18, inverse, prec, 0, 0) for inverse in (False, True)]),
+    "rfft": ({"batch": 7, "n": 20}, lambda x, out, prec: [
+        lambda way=way: way(x, out, 7, 20, prec, 0, 0) for way in (kevra.rfft_resident, kevra.irfft_resident)]),
+    "cqt": ({**SIGNAL, "plan": design(), "output": "db"}, lambda x, out, prec: [
+        lambda: kevra.cqt_resident(x, out, B, L, *CASES["cqt"][0]["plan"].arguments(L), "db", 1e-10, prec)]),
+}
 FIVE = [{}, {"tpf": 64}, {"tpf": 128}, {"tpf": 256}, {"var": 4}]
 ROWS = [{}, *({"fpb": fpb, "tpf": tpf, "core": 1} for tpf in (0, 64, 128, 256) for fpb in (0, 2) if tpf or fpb),
         {"fpb": 1, "core": 1}, {"fpb": 4, "core": 1}]
 CANDIDATES = {
-    "stft": FIVE, "istft": FIVE, "mel": FIVE,
-    "stft_of_64": [{}, *({"ept": ept, "fpb": fpb} for ept in (8, 16) for fpb in (1, 2, 4, 8)), {"var": 240},
-                   {"var": 48}],
-    "fft": [*ROWS, *({"ept": e, "fpb": f, "core": 2} for e in (6, 18) for f in (0, 2)), {"core": 1, "var": 4},
-            {"core": 2, "var": 8}],
-    "rfft": [*ROWS, *({"ept": 10, "fpb": f, "core": 2} for f in (0, 2)), {"core": 1, "var": 4}, {"core": 2, "var": 8}],
-    "cqt": [{"core": 0}, {"core": 1}],
+    "stft": FIVE, "istft": FIVE, "mel": FIVE, "cqt": [{"core": 0}, {"core": 1}],
+    "stft_64": [{}, *({"ept": ept, "fpb": fpb} for ept in (8, 16) for fpb in (1, 2, 4, 8)), {"var": 240}, {"var": 48}],
+    "fft": [*ROWS, *({"ept": e, "fpb": f, "core": 2} for e in (6, 18) for f in (0, 2)), {"core": 1, "var": 4}],
+    "rfft": [*ROWS, *({"ept": 10, "fpb": f, "core": 2} for f in (0, 2)), {"core": 1, "var": 4}],
 }
+MARK = "-- next call\n"
 
 
-def winners(name, prec):
+def candidates(name, prec):
+    half = [{"core": 2, "var": 2}] if name == "fft" and prec in (HALF, PACKED) else []
+    zeros = {"ept": 0, "fpb": 0, "tpf": 0, "core": 0, "var": 0}
+    last = [{"core": 2, "var": 8}] if "fft" in name and "st" not in name else []
+    return [{**zeros, **candidate} for candidate in CANDIDATES[name] + half + last]
+
+
+def job(name, prec):
+    return _tuning_jobs.job(name.partition("_")[0], prec, **CASES[name][0])
+
+
+def tuned_then_plain(name, prec):
+    """Runs the tuner, then the plain calls under each candidate as a hint; the winners."""
+    one = job(name, prec)
     with Device() as device:
-        before = kevra.shape_epoch()
-        operation = Operation(device, prec)
-        tune, plain, hints = getattr(operation, name)()
-        data = device.download(operation.x, (4 * B * L,), storage(prec))
-        found = tune(**QUICK)
-        assert tune(iters=0, warmup=0)
-        in_use = pools_in_use()
-        assert kevra.shape_epoch() == before and kevra.drain_pool() is None
-        np.testing.assert_array_equal(device.download(operation.x, (4 * B * L,), storage(prec)), data)
-        assert tune(**QUICK) and pools_in_use() == in_use
-    assert len(found) == len(plain)
+        data = np.random.default_rng(1).standard_normal(one.values).astype(one.storage)
+        x, out, epoch = device.upload(data), device.empty(1 << 16, np.float64), kevra.shape_epoch()
+        found = one.winners(x, **QUICK)
+        assert kevra.shape_epoch() == epoch
+        np.testing.assert_array_equal(device.download(x, data.shape, data.dtype), data)
+        calls = CASES[name][1](x, out, prec)
+        for i, call in enumerate(calls):
+            for candidate in candidates(name, prec):
+                for shape in one.shapes if len(calls) == 1 else one.shapes[i:i + 1]:
+                    TunedShape(*shape, **candidate, ms=1.0, batch=1, length=1).apply()
+                os.write(2, MARK.encode())
+                call()
+        device.synchronize(0)
     return found
 
 
 @pytest.mark.parametrize("name, prec", [
-    *((name, FLOAT) for name in NAMES),
-    ("stft", DOUBLE), ("istft", DOUBLE), ("rfft", HALF), ("fft", PACKED), ("cqt", DOUBLE)])
-def test_winners_are_candidates_and_nothing_else_changes(name, prec):
-    allowed = [{**ZEROS, **candidate} for candidate in CANDIDATES[name]]
-    if name == "fft" and prec == PACKED:
-        allowed.append({**ZEROS, "core": 2, "var": 2})
-    for winner in winners(name, prec):
-        assert 0 < winner["ms"] < 1e4
-        assert {key: winner[key] for key in ZEROS} in allowed
-
-
-MARK = "-- next call\n"
-
-
-def tuned_then_plain(name):
-    with Device() as device:
-        tune, plain, hints = getattr(Operation(device, FLOAT), name)()
-        tune(**QUICK)
-        for call, hint in zip(plain, hints):
-            for candidate in CANDIDATES[name]:
-                hint(**candidate)
-                os.write(2, MARK.encode())
-                call()
-        device.synchronize(0)
-
-
-@pytest.mark.parametrize("name", NAMES)
-def test_hints_make_plain_calls_run_what_the_tuner_ran(name):
-    _, words = Fresh(tuned_then_plain, name, env={"KEVRA_DEBUG": "1", "KEVRA_CPU_NULL": "1"}).result()
+    *((name, FLOAT) for name in CASES), ("stft", DOUBLE), ("stft_64", PACKED), ("istft", HALF), ("mel", PACKED),
+    ("rfft", HALF), ("fft", PACKED), ("cqt", DOUBLE), ("cqt", HALF)])
+def test_winners_are_hints_that_plain_calls_follow(name, prec):
+    found, words = Fresh(tuned_then_plain, name, prec, env={"KEVRA_DEBUG": "1"}).result()
+    assert all(winner.pop("ms") > 0 and winner in candidates(name, prec) for winner in map(dict, found))
     # Kernel, grid, block and shared memory of every launch.
     tuner, *plain = [re.findall(r"launch (.*) stream", part) for part in words.split(MARK)]
     assert tuner == [launch for call in plain for launch in 3 * call], "to compile, and once a measurement"
     assert len({tuple(call) for call in plain}) >= 2
+
+
+def repeated(name):
+    one = job(name, FLOAT)
+    with Device() as device:
+        x = device.upload(np.ones(one.values, np.float32))
+        assert one.winners(x, iters=0, warmup=0)
+        in_use = pools_in_use()
+        kevra.drain_pool()
+        assert one.winners(x, **QUICK) and pools_in_use() == in_use
+
+
+@pytest.mark.parametrize("name", ["stft", "istft", "mel", "rfft", "cqt"])
+def test_tuners_give_back_their_memory(name):
+    fresh(repeated, name)
 
 
 BLUESTEIN, FOUR_STEP = 1021, 32768
@@ -185,15 +146,13 @@ def test_shapes_that_no_hint_steers_give_an_empty_dict_and_touch_nothing(name):
                                                 prec),
         }[name]()
         assert got == {} and pools_in_use() == before, f"{n=} {prec=}"
-
-
-def test_no_samples_leave_nothing_to_measure():
+    # One centred frame has no samples.
     assert kevra.istft_autotune_gpu(0, 1, 25, 1, 25, 1, 25, 48, 16, True, "boxcar", FLOAT) == {}
 
 
-STFT = {"batch": B, "length": L, "n_fft": N, "hop": HOP, "center": True, "output": "power", "eps": 1e-10,
-        "window": "hann", "prec": FLOAT, "device": 0, "iters": 1, "warmup": 1}
-ROW = {"batch": 2, "n": 20, "prec": FLOAT, "device": 0, "iters": 1, "warmup": 1}
+STFT = {**SIGNAL, **FRAMES, "center": True, "output": "power", "eps": 1e-10, "window": "hann", "prec": FLOAT,
+        "device": 0, **QUICK}
+ROW = {"batch": 2, "n": 20, "prec": FLOAT, "device": 0, **QUICK}
 REFUSED = [
     *(("stft", changes, words) for changes, words in (
         ({"batch": 0}, "stft: batch is 0, must be at least 1"), ({"batch": 70000}, "batch exceeds grid.y limit"),
@@ -209,25 +168,21 @@ REFUSED = [
 ]
 
 
-@pytest.mark.parametrize("op, changes, words", REFUSED, ids=[f"{row[0]} {row[1]}" for row in REFUSED])
-def test_refuses_before_anything_is_queued(op, changes, words):
+def test_refuses_before_anything_is_queued():
     before = pools_in_use()
-    with pytest.raises(ValueError, match=re.escape(words)):
-        getattr(kevra, f"{op}_autotune_gpu")(0, **{**(STFT if op == "stft" else ROW), **changes})
-    assert pools_in_use() == before
-
-
-def test_other_operations_refuse_what_their_plain_calls_refuse():
-    bins, plan = N // 2 + 1, constant_q()
+    for op, changes, words in REFUSED:
+        with pytest.raises(ValueError, match=re.escape(words)):
+            getattr(kevra, f"{op}_autotune_gpu")(0, **{**(STFT if op == "stft" else ROW), **changes})
     for tune, words in (
-            (lambda: kevra.istft_autotune_gpu(0, 1, bins, 9, 9 * bins, 1, bins, N, N, True, "hann", 1), "NOLA"),
-            (lambda: kevra.istft_autotune_gpu(0, 1, bins - 1, 9, 0, 1, bins, N, HOP, True, "hann", 1), "bins must be"),
-            (lambda: kevra.mel_autotune_gpu(0, 1, L, BANK, N, HOP, True, 3, "", 0.0, "hann", 1), "power is 3"),
-            (lambda: kevra.mel_autotune_gpu(0, 1, L, BANK[:, 1:], N, HOP, True, 2, "", 0.0, "hann", 1), "mel"),
-            (lambda: kevra.cqt_autotune_gpu(0, 1, L, *plan.changed(frames=99).arguments, "", 0.0, 1), "cqt"),
-            (lambda: kevra.cqt_autotune_gpu(0, 70000, L, *plan.arguments, "", 0.0, 1), "batch exceeds")):
+            (lambda: kevra.istft_autotune_gpu(0, 1, 25, 9, 225, 1, 25, 48, 48, True, "hann", 1), "NOLA"),
+            (lambda: kevra.istft_autotune_gpu(0, 1, 24, 9, 0, 1, 25, 48, 16, True, "hann", 1), "bins must be"),
+            (lambda: kevra.mel_autotune_gpu(0, 1, L, BANK, 48, 16, True, 3, "", 0.0, "hann", 1), "power is 3"),
+            (lambda: kevra.mel_autotune_gpu(0, 1, L, BANK[:, 1:], 48, 16, True, 2, "", 0.0, "hann", 1), "mel"),
+            (lambda: kevra.cqt_autotune_gpu(0, 1, L, *design(frames=99).arguments(L), "", 0.0, 1), "cqt"),
+            (lambda: kevra.cqt_autotune_gpu(0, 70000, L, *design().arguments(L), "", 0.0, 1), "batch exceeds")):
         with pytest.raises(ValueError, match=words):
             tune()
+    assert pools_in_use() == before
 
 
 def on_the_second_device():
