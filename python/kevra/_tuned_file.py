@@ -120,8 +120,12 @@ def keep(found: list[TunedShape], device: int) -> None:
 def _replace(path: Path, content: dict) -> None:
     """Whole or not at all. The caller has the lock, so the name of the new file is its own."""
     fresh = path.with_suffix(".tmp")
-    with open(fresh, "w", encoding="utf-8") as file:
-        json.dump(content, file, indent=1)
-        file.flush()
-        os.fsync(file.fileno())
-    os.replace(fresh, path)
+    try:
+        with open(fresh, "w", encoding="utf-8") as file:
+            json.dump(content, file, indent=1)
+            file.flush()
+            os.fsync(file.fileno())
+        os.replace(fresh, path)
+    except BaseException:
+        fresh.unlink(missing_ok=True)
+        raise

@@ -173,6 +173,7 @@ def test_a_failed_write_leaves_the_old_file(monkeypatch):
     with pytest.warns(RuntimeWarning, match="holds for this process alone, .* cannot be written: .*No space left"):
         _tuned_file.keep([replace(EXAMPLE, n_fft=20)], 0)
     assert list(_tuned_file.read(0)) == [EXAMPLE.shape]
+    assert not list(kevra.tuned_file().parent.glob("*.tmp"))
 
 
 def test_a_folder_that_cannot_be_written_costs_the_file_alone(monkeypatch):
