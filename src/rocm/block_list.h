@@ -28,6 +28,8 @@ class BlockList {
 
   void put(size_t size, void* block) { blocks_.emplace(size, block); }
 
+  void put_all(BlockList& other) { blocks_.merge(other.blocks_); }
+
   // Hands every block to `free_block` and empties the list.
   template <class Free>
   void drain(Free free_block) {

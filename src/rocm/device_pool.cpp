@@ -16,10 +16,14 @@ struct DeviceBlock {
   int device;
 };
 
+// A list's place: device and stream.
+using ListKey = std::pair<int, stream_t>;
+
 struct DevicePool {
   std::mutex mutex;
   std::unordered_map<devptr_t, DeviceBlock> registry;  // in use and cached
-  std::map<std::pair<int, stream_t>, BlockList> lists;
+  std::map<ListKey, BlockList> lists;
+  std::map<ListKey, stream_t> lenders;  // of the streams that a loan is for
 };
 
 // Never destroyed: the HIP runtime may be gone when static objects die.
@@ -30,6 +34,7 @@ DevicePool& pool() {
 
 void drain_locked(DevicePool& p) {
   for (auto& [key, list] : p.lists) {
+    if (p.lenders.contains(key)) continue;
     list.drain([&p](devptr_t block) {
       hip_dl::api().Free(block);
       p.registry.erase(block);
@@ -67,6 +72,9 @@ devptr_t device_alloc(size_t bytes, stream_t stream) {
     std::lock_guard lock(p.mutex);
     device = current_device();
     if (devptr_t block = p.lists[{device, stream}].take(size)) return block;
+    if (const auto loan = p.lenders.find({device, stream}); loan != p.lenders.end()) {
+      if (devptr_t block = p.lists[{device, loan->second}].take(size)) return block;
+    }
   }
   return allocate(p, size, device);
 }
@@ -87,9 +95,29 @@ void device_free(devptr_t block, stream_t stream) noexcept {
   try {
     p.lists[{it->second.device, stream}].put(it->second.size, block);
   } catch (const std::bad_alloc&) {
+    if (p.lenders.contains({it->second.device, stream})) return;  // a graph may use it yet
     p.registry.erase(it);
     hip_dl::api().Free(block);
   }
+}
+
+StreamLoan::StreamLoan(stream_t borrower, stream_t lender)
+    : device_(current_device()), borrower_(borrower), lender_(lender) {
+  DevicePool& p = pool();
+  std::lock_guard lock(p.mutex);
+  // Both lists from now on, so that the end of the loan needs no memory.
+  p.lists[{device_, borrower}];
+  p.lists[{device_, lender}];
+  p.lenders.emplace(ListKey{device_, borrower}, lender);
+}
+
+StreamLoan::~StreamLoan() {
+  DevicePool& p = pool();
+  std::lock_guard lock(p.mutex);
+  const auto own = p.lists.find({device_, borrower_});
+  p.lists.find({device_, lender_})->second.put_all(own->second);
+  p.lists.erase(own);
+  p.lenders.erase({device_, borrower_});
 }
 
 void device_drain() {

@@ -1,6 +1,7 @@
 // The caching pools of device and of pinned memory.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <mutex>
 #include <set>
 #include <stdexcept>
@@ -137,6 +138,77 @@ TEST_F(Pools, OutOfMemoryTrimsTheCacheOfEveryDeviceAndStream) {
     EXPECT_NE(text.find(": r [memAlloc] failed: "), text.npos) << text;
   }
   EXPECT_EQ(device_pool_figures().in_use_bytes, 50 * kMiB);
+}
+
+TEST_F(Pools, AGraphsScratchIsTheLendersAndOutOfReachUntilTheLoanEnds) {
+  const stream_t lender = fake_stream(1), borrower = fake_stream(2);
+  const devptr_t scratch = device_alloc(20 * kMiB, lender);
+  device_free(scratch, lender);
+  {
+    const StreamLoan loan(borrower, lender);
+    EXPECT_EQ(device_alloc(20 * kMiB, borrower), scratch) << "the lender's block serves";
+    device_free(scratch, borrower);
+    EXPECT_EQ(device_alloc(20 * kMiB, borrower), scratch) << "and again";
+    device_free(scratch, borrower);
+    const devptr_t of_lender = device_alloc(20 * kMiB, lender);
+    EXPECT_NE(of_lender, scratch) << "but not on the lender's stream";
+    device_free(of_lender, lender);
+
+    std::thread(device_drain).join();
+    EXPECT_EQ(device_pool_figures().cached_bytes, 20 * kMiB) << "the lender's own block is gone";
+    EXPECT_THROW(device_alloc(50 * kMiB, nullptr), std::runtime_error) << "44 MiB are to be had";
+    EXPECT_EQ(device_pool_figures().cached_bytes, 20 * kMiB);
+  }
+  EXPECT_EQ(device_alloc(20 * kMiB, lender), scratch) << "back with the lender";
+  device_free(scratch, lender);
+  device_drain();
+  EXPECT_EQ(device_pool_figures().cached_blocks, 0u);
+}
+
+TEST_F(Pools, AGraphReplaysWhileAnotherThreadDrainsThePool) {
+  constexpr int64_t kReplays = 20;
+  constexpr size_t kBytes = 64 << 10;
+  stream_t stream = nullptr;
+  KEVRA_CHECK(hip_dl::api().StreamCreateWithFlags(&stream, 1));
+  std::atomic<bool> done{false};
+  std::thread drains([&] {
+    select_device(0);
+    while (!done) device_drain();
+  });
+  {
+    const DeviceBuffer result(kBytes, stream);
+    const int64_t replayed = replay_recorded(
+        [&](stream_t on) {
+          for (int i = 1; i <= 20; ++i) {
+            // Released at the end of a round and served again in the next one.
+            const DeviceBuffer scratch(kBytes, on);
+            KEVRA_CHECK(memsetD8Async(scratch.p, static_cast<unsigned char>(i), kBytes, on));
+            KEVRA_CHECK(memcpyDtoDAsync(result.p, scratch.p, kBytes, on));
+            std::this_thread::yield();
+          }
+        },
+        kReplays, stream);
+    EXPECT_EQ(replayed, kReplays);
+    std::vector<unsigned char> bytes(kBytes);
+    KEVRA_CHECK(memcpyDtoH(bytes.data(), result.p, kBytes));
+    EXPECT_EQ(bytes, std::vector<unsigned char>(kBytes, 20));
+  }
+  done = true;
+  drains.join();
+  EXPECT_EQ(hip_dl::api().StreamDestroy(stream), 0);
+}
+
+TEST_F(Pools, WorkThatFailsWhileItIsRecordedLeavesNothingBehind) {
+  const DeviceBuffer result(1000, nullptr);
+  const auto work = [&](stream_t on) {
+    const DeviceBuffer scratch(1000, on);
+    KEVRA_CHECK(memsetD8Async(scratch.p, 1, 1000, on));
+    throw std::logic_error("on the way");
+  };
+  EXPECT_EQ(replay_recorded(work, 3, nullptr), 0);
+  const devptr_t scratch = device_alloc(1000, nullptr);
+  EXPECT_EQ(device_pool_figures().cached_blocks, 0u) << "it is the null stream's again";
+  device_free(scratch, nullptr);
 }
 
 TEST_F(Pools, UnknownPointersGoStraightBackToHip) {
