@@ -33,17 +33,18 @@ def dual_octaves(plan):
     return [_dual(plan, octave) for octave in plan.octaves]
 
 
-def constant_q_inverse(C, plan, samples):
-    """Signals from their complex constant-Q transform: the estimate by dual filters, close but for the ends.
+def constant_q_inverse(C, plan, samples, n_iter=0):
+    """Signals from their complex constant-Q transform: the estimate by dual filters, then ``n_iter`` steps of conjugate
+    gradient towards the signal whose transform is nearest.
 
     C: array (batch, plan.n_bins, plan.frames(samples)) as ``cqt_staged(y, *plan.arguments(samples), "complex")`` makes
     it; complex128 is computed in double, all else in float.
     plan: a ConstantQPlan. What lies outside its bins' bands is lost; the steps of ``hop`` have to be small against the
     filters of the highest bins, or the estimate holds what they fold back.
-    samples: of the signals.
+    samples: of the signals. n_iter: 0 is the estimate alone, close but for the ends of the signal.
 
-    Returns (batch, samples). Raises ValueError for other shapes, RuntimeError when HIP fails. Source: as
-    ``dual_octaves``.
+    Returns (batch, samples). Raises ValueError for other shapes, RuntimeError when HIP fails. Sources: as
+    ``dual_octaves`` and ``icqt_cg_staged``.
     """
     C = np.asarray(C)
     frames = plan.frames(samples)
@@ -56,7 +57,7 @@ def constant_q_inverse(C, plan, samples):
         octave, key = [(level, n_d, 0, rows, D)], f"{plan.plan_key}_duals{row}"
         part = C[:, row : row + rows]
         y = y + _rocm.icqt_direct_staged(part, samples + delay, rows, frames, plan.hop, octave, key)[:, delay:]
-    return y
+    return _rocm.icqt_cg_staged(C, y, *plan.arguments(samples), n_iter) if n_iter > 0 else y
 
 
 def _dual(plan, octave):

@@ -79,5 +79,9 @@ Family onset_adjoint_family();
 Family tonnetz_adjoint_family();
 Family icqt_dual_family();
 Family icqt_overlap_family();
+Family vector_dot_family();
+Family vector_update_family();
+Family cg_alpha_family();
+Family cg_beta_family();
 
 }  // namespace kevra_tools

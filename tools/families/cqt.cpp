@@ -5,6 +5,7 @@
 #include <string>
 
 #include "codegen/kernels/chroma.h"
+#include "codegen/kernels/conjugate_gradient.h"
 #include "codegen/kernels/cqt_adjoint.h"
 #include "codegen/kernels/cqt_fused.h"
 #include "codegen/kernels/icqt.h"
@@ -100,6 +101,24 @@ Kernel make_chroma(const Values& values) {
 
 Kernel make_dual(const Values& values) {
   return plain(codegen::IcqtDualKernel{values.at("prec")});
+}
+
+Kernel make_dot(const Values& values) {
+  const codegen::VectorDotKernel kernel{values.at("prec")};
+  return {kernel.kName,          kernel.key(), kernel.kBlock,
+          kernel.shared_bytes(), true,         kernel.source(hip)};
+}
+
+Kernel make_update(const Values& values) {
+  return plain(codegen::VectorUpdateKernel{values.at("prec")});
+}
+
+Kernel make_alpha(const Values& values) {
+  return plain(codegen::CgAlphaKernel{values.at("prec")});
+}
+
+Kernel make_beta(const Values& values) {
+  return plain(codegen::CgBetaKernel{values.at("prec")});
 }
 
 Kernel make_overlap(const Values& values) {
@@ -212,6 +231,27 @@ Family chroma_adjoint_family() {
           "gradients of constant-Q magnitudes from those of pitch classes",
           {arithmetic, {"n_chroma", 12, 1, 1024, "classes"}},
           make_chroma_adjoint,
+          both_twins};
+}
+
+Family vector_dot_family() {
+  return {"vector_dot", "sums of products of rows", {arithmetic}, make_dot, both_twins};
+}
+
+Family vector_update_family() {
+  return {"vector_update", "y = a x + c y by row", {arithmetic}, make_update, both_twins};
+}
+
+Family cg_alpha_family() {
+  return {
+      "cg_alpha", "steps of the conjugate-gradient method", {arithmetic}, make_alpha, both_twins};
+}
+
+Family cg_beta_family() {
+  return {"cg_beta",
+          "directions of the conjugate-gradient method",
+          {arithmetic},
+          make_beta,
           both_twins};
 }
 

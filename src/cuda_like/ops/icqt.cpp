@@ -147,6 +147,13 @@ void icqt_direct(const IcqtCall& call) {
 
 }  // namespace
 
+void check_bins(const std::vector<int64_t>& shape, int64_t n_bins, int64_t frames) {
+  if (shape[1] == n_bins && shape[2] == frames) return;
+  throw std::invalid_argument("icqt: C has " + std::to_string(shape[1]) + " bins and " +
+                              std::to_string(shape[2]) + " frames, must have n_bins = " +
+                              std::to_string(n_bins) + " and frames = " + std::to_string(frames));
+}
+
 void icqt_direct_resident(const IcqtCall& call, int prec) {
   if (prec == 0) {
     throw std::invalid_argument("icqt: half estimates compute in f32 - upcast the tensors");
@@ -159,12 +166,7 @@ PinnedArray<T> icqt_direct_staged(const HostArray<std::complex<T>>& c, const Icq
   if (c.dims() != 3) throw std::invalid_argument("icqt: expected C (batch, n_bins, frames)");
   IcqtCall call = options;
   call.batch = c.shape[0];
-  if (c.shape[1] != call.n_bins || c.shape[2] != call.frames) {
-    throw std::invalid_argument("icqt: C has " + std::to_string(c.shape[1]) + " bins and " +
-                                std::to_string(c.shape[2]) +
-                                " frames, must have n_bins = " + std::to_string(call.n_bins) +
-                                " and frames = " + std::to_string(call.frames));
-  }
+  check_bins(c.shape, call.n_bins, call.frames);
   check_icqt(call);
   select_device(0);
   PinnedArray<T> y({call.batch, call.length});

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <span>
 #include <string_view>
+#include <vector>
 
 #include "cuda_like/device.h"
 #include "cuda_like/ops/cqt_tables.h"
@@ -28,6 +29,9 @@ struct IcqtCall {
 
   bool is_empty() const { return batch == 0 || frames == 0; }
 };
+
+// Throws std::invalid_argument unless bins of shape (batch, bins, frames) have n_bins and `frames`.
+void check_bins(const std::vector<int64_t>& shape, int64_t n_bins, int64_t frames);
 
 // prec picks the twin: 2 double, 1 float. Half is refused.
 void icqt_direct_resident(const IcqtCall& call, int prec);

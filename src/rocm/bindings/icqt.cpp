@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "cuda_like/ops/icqt_solver.h"
 #include "rocm/bindings/arrays.h"
 #include "rocm/bindings/bindings.h"
 #include "rocm/bindings/cqt_design.h"
@@ -21,9 +22,77 @@ py::object direct_staged(const py::object& c, const ops::IcqtCall& call) {
   return to_numpy(ops::icqt_direct_staged<T>(input.view(), call));
 }
 
+template <class T>
+py::object cg_staged(const py::object& c, const py::object& y0, const ops::CqtDesign& design,
+                     int64_t n_iter) {
+  const ContiguousArray<std::complex<T>> bins(c);
+  const ContiguousArray<T> start(y0);
+  return to_numpy(ops::icqt_cg_staged<T>(bins.view(), start.view(), design, n_iter));
+}
+
+void bind_solver(py::module_& m) {
+  m.def(
+      "icqt_cg_staged",
+      [](const py::object& c, const py::object& y0, int64_t n_levels, const py::list& octaves,
+         const py::object& taps, const std::string& plan_key, int64_t n_bins, int64_t frames,
+         int64_t n_iter) {
+        const bool wide = is_double_input(c);
+        const DesignArgument argument(kOp, n_levels, octaves, taps, plan_key, n_bins, frames);
+        return wide ? cg_staged<double>(c, y0, argument.design, n_iter)
+                    : cg_staged<float>(c, y0, argument.design, n_iter);
+      },
+      py::arg("C"), py::arg("y0"), py::arg("n_levels"), py::arg("octaves"), py::arg("taps"),
+      py::arg("plan_key"), py::arg("n_bins"), py::arg("frames"), py::arg("n_iter"),
+      R"(Signals from a complex constant-Q transform by least squares: n_iter steps of the conjugate-gradient method on
+A' A y = A' C, A being cqt_staged's transform and A' its adjoint, towards the y whose transform is nearest to C. What
+the transform does not show stays as it is in y0.
+
+C: array (batch, n_bins, frames); complex128 is computed in double, all else in float.
+y0: real array (batch, samples), where to start: zeros, or an estimate such as icqt_direct_staged's.
+n_levels, octaves, taps, plan_key, n_bins, frames: the design of the transform, as in cqt_staged.
+n_iter: steps; y0 is given back below 1. There is no test of convergence, and a row that has converged stays.
+Returns (batch, samples).
+Raises ValueError for bad shapes, sizes and designs, naming the record; TypeError for float16, RuntimeError when HIP
+fails.
+Source: M. R. Hestenes and E. Stiefel, Methods of conjugate gradients for solving linear systems, J. Res. Natl. Bur.
+Stand. 49, 1952; on the normal equations: A. Bjoerck, Numerical methods for least squares problems, SIAM 1996.)");
+  m.def(
+      "icqt_cg_resident",
+      [](uintptr_t c_ptr, uintptr_t y_ptr, int64_t batch, int64_t length, int64_t n_levels,
+         const py::list& octaves, const py::object& taps, const std::string& plan_key,
+         int64_t n_bins, int64_t frames, int64_t n_iter, int prec, int device, uintptr_t stream) {
+        const DesignArgument argument(kOp, n_levels, octaves, taps, plan_key, n_bins, frames);
+        ops::icqt_cg_resident({.c = reinterpret_cast<devptr_t>(c_ptr),
+                               .y = reinterpret_cast<devptr_t>(y_ptr),
+                               .batch = batch,
+                               .length = length,
+                               .design = argument.design,
+                               .n_iter = n_iter,
+                               .device = device,
+                               .stream = reinterpret_cast<stream_t>(stream)},
+                              prec);
+      },
+      py::arg("c_ptr"), py::arg("y_ptr"), py::arg("batch"), py::arg("length"), py::arg("n_levels"),
+      py::arg("octaves"), py::arg("taps"), py::arg("plan_key"), py::arg("n_bins"),
+      py::arg("frames"), py::arg("n_iter"), py::arg("prec"), py::arg("device") = 0,
+      py::arg("stream") = 0,
+      R"(The least-squares inverse of a constant-Q transform on device memory, behind the work of `stream`. Waits until
+it is done.
+
+c_ptr, y_ptr: addresses on `device` of (batch, n_bins, frames) complex numbers and of (batch, length) reals, row-major;
+y holds where to start and receives the result. n_levels, octaves, taps, plan_key, n_bins, frames: as in cqt_staged; the
+arrays are host arrays. n_iter: as in icqt_cg_staged.
+prec: 1 float, 2 double; 0, half storage, is refused. stream: raw handle, 0 the null stream.
+From two steps on, one is recorded as a graph and replayed, on a stream of its own; where that fails, steps are queued
+one by one. All numbers stay on the device. Pointers are not checked. Raises ValueError for sizes out of bounds and half
+storage, RuntimeError when HIP fails.
+Source: as icqt_cg_staged.)");
+}
+
 }  // namespace
 
 void bind_icqt(py::module_& m) {
+  bind_solver(m);
   m.def(
       "icqt_direct_staged",
       [](const py::object& c, int64_t length, int64_t n_bins, int64_t frames, int64_t hop,
