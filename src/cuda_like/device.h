@@ -118,11 +118,11 @@ kernel_t kernel_function(const Kernel& kernel, int dev) {
 void launch_kernel(kernel_t fn, unsigned gx, unsigned gy, unsigned block, size_t shared,
                    void** args, const char* name, stream_t stream);
 
-// Records on a stream of its own, as a graph, what `work` queues on the stream that it is given, and
-// replays it `times` times behind the work of `stream`. Waits for the replays and answers how many
-// there were: fewer than `times`, mostly 0, where recording or replaying fails, and the caller goes
-// on from there by itself. `work` may queue kernels, copies and fills within device memory, and have
-// scratch from device_alloc.
+// Records on a stream of its own, as a graph, what `work` queues on the stream that it is given,
+// and replays it `times` times behind the work of `stream`. Waits for the replays and answers how
+// many there were: fewer than `times`, mostly 0, where recording or replaying fails, and the caller
+// goes on from there by itself. `work` may queue kernels, copies and fills within device memory,
+// and have scratch from device_alloc.
 int64_t replay_recorded(const std::function<void(stream_t)>& work, int64_t times, stream_t stream);
 
 // Whether results must not depend on the order of atomic additions.
