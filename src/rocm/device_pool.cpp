@@ -23,7 +23,7 @@ struct DevicePool {
   std::mutex mutex;
   std::unordered_map<devptr_t, DeviceBlock> registry;  // in use and cached
   std::map<ListKey, BlockList> lists;
-  std::map<ListKey, stream_t> lenders;  // of the streams that a loan is for
+  std::map<stream_t, stream_t> lenders;  // by borrower
 };
 
 // Never destroyed: the HIP runtime may be gone when static objects die.
@@ -34,7 +34,7 @@ DevicePool& pool() {
 
 void drain_locked(DevicePool& p) {
   for (auto& [key, list] : p.lists) {
-    if (p.lenders.contains(key)) continue;
+    if (p.lenders.contains(key.second)) continue;
     list.drain([&p](devptr_t block) {
       hip_dl::api().Free(block);
       p.registry.erase(block);
@@ -72,7 +72,7 @@ devptr_t device_alloc(size_t bytes, stream_t stream) {
     std::lock_guard lock(p.mutex);
     device = current_device();
     if (devptr_t block = p.lists[{device, stream}].take(size)) return block;
-    if (const auto loan = p.lenders.find({device, stream}); loan != p.lenders.end()) {
+    if (const auto loan = p.lenders.find(stream); loan != p.lenders.end()) {
       if (devptr_t block = p.lists[{device, loan->second}].take(size)) return block;
     }
   }
@@ -95,29 +95,31 @@ void device_free(devptr_t block, stream_t stream) noexcept {
   try {
     p.lists[{it->second.device, stream}].put(it->second.size, block);
   } catch (const std::bad_alloc&) {
-    if (p.lenders.contains({it->second.device, stream})) return;  // a graph may use it yet
+    if (p.lenders.contains(stream)) return;  // a graph may use it yet
     p.registry.erase(it);
     hip_dl::api().Free(block);
   }
 }
 
-StreamLoan::StreamLoan(stream_t borrower, stream_t lender)
-    : device_(current_device()), borrower_(borrower), lender_(lender) {
+StreamLoan::StreamLoan(stream_t borrower, stream_t lender) : borrower_(borrower) {
   DevicePool& p = pool();
   std::lock_guard lock(p.mutex);
-  // Both lists from now on, so that the end of the loan needs no memory.
-  p.lists[{device_, borrower}];
-  p.lists[{device_, lender}];
-  p.lenders.emplace(ListKey{device_, borrower}, lender);
+  p.lenders.emplace(borrower, lender);
 }
 
 StreamLoan::~StreamLoan() {
   DevicePool& p = pool();
   std::lock_guard lock(p.mutex);
-  const auto own = p.lists.find({device_, borrower_});
-  p.lists.find({device_, lender_})->second.put_all(own->second);
-  p.lists.erase(own);
-  p.lenders.erase({device_, borrower_});
+  const stream_t lender = p.lenders.extract(borrower_).mapped();
+  // The lists move as they are: this may not need memory.
+  for (auto it = p.lists.begin(); it != p.lists.end();) {
+    const auto own = it++;
+    if (own->first.second != borrower_) continue;
+    auto node = p.lists.extract(own);
+    node.key().second = lender;
+    const auto merged = p.lists.insert(std::move(node));
+    if (!merged.inserted) merged.position->second.put_all(merged.node.mapped());
+  }
 }
 
 void device_drain() {

@@ -26,9 +26,7 @@ class StreamLoan {
   StreamLoan& operator=(const StreamLoan&) = delete;
 
  private:
-  int device_;
   stream_t borrower_;
-  stream_t lender_;
 };
 
 }  // namespace kevra
