@@ -150,7 +150,7 @@ def sound_note(y: np.ndarray) -> str:
     C = kevra.cqt_staged(y, *plan.arguments(y.shape[1]), "complex")
     again = kevra.constant_q_inverse(C, plan, y.shape[1], STEPS)
     inside = snr(within_band(again, plan), within_band(y, plan))
-    return f"{plan.n_bins} bins, hop 32: {snr(again, y):.1f} dB SNR after {STEPS} steps, {inside:.1f} dB within the band"
+    return f"{plan.n_bins} bins, hop 32: {snr(again, y):.1f} dB SNR after {STEPS} steps, {inside:.1f} dB in its band"
 
 
 def snr(got: np.ndarray, want: np.ndarray) -> float:

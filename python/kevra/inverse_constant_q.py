@@ -49,8 +49,8 @@ def constant_q_inverse(C, plan, samples, n_iter=0):
     C = np.asarray(C)
     frames = plan.frames(samples)
     if C.ndim != 3 or C.shape[1:] != (plan.n_bins, frames):
-        raise ValueError(f"constant_q_inverse: C has shape {C.shape}, must be (batch, {plan.n_bins}, {frames}) for this "
-                         f"plan and {samples} samples")
+        raise ValueError(f"constant_q_inverse: C has shape {C.shape}, must be (batch, {plan.n_bins}, {frames}) for "
+                         f"this plan and {samples} samples")
     y = 0
     for level, n_d, row, rows, D in dual_octaves(plan):
         delay = n_d * 2**level // 2

@@ -55,7 +55,8 @@ def test_is_its_definition(name):
         assert got.dtype == STORAGE[prec] and got.shape == want.shape
         with Device() as device:
             stream, y = device.stream(), device.upload(np.full(2 * length + 8, 7, STORAGE[prec]))
-            kevra.icqt_direct_resident(device.upload(own), y, 2, bins, frames, hop, length, octaves, key, prec, 0, stream)
+            rest = 2, bins, frames, hop, length, octaves, key, prec, 0, stream
+            kevra.icqt_direct_resident(device.upload(own), y, *rest)
             device.synchronize(stream)
             resident = device.download(y, 2 * length + 8, STORAGE[prec])
         np.testing.assert_array_equal(resident[2 * length :], 7)
