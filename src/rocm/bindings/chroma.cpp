@@ -14,14 +14,14 @@ namespace kevra::bindings {
 namespace {
 
 template <class T>
-py::object chroma_staged(const py::object& y, const ops::CqtDesign& design,
+py::array chroma_staged(const py::object& y, const ops::CqtDesign& design,
                          const ops::ChromaClasses& classes) {
   const ContiguousArray<T> input(y);
   return to_numpy(ops::chroma_staged(input.view(), design, classes));
 }
 
 template <class T>
-py::object tonnetz_staged(const py::object& c) {
+py::array tonnetz_staged(const py::object& c) {
   const ContiguousArray<T> input(c);
   return frames_last(ops::tonnetz_staged(input.view()));
 }

@@ -13,7 +13,7 @@ namespace kevra::bindings {
 namespace {
 
 template <class T>
-py::object conv_fft_staged(const py::object& a, const py::object& b, int64_t nf, int64_t start,
+py::array conv_fft_staged(const py::object& a, const py::object& b, int64_t nf, int64_t start,
                            int64_t outlen) {
   const ContiguousArray<T> signal(a);
   const ContiguousArray<T> kernel(b);
@@ -21,7 +21,7 @@ py::object conv_fft_staged(const py::object& a, const py::object& b, int64_t nf,
 }
 
 template <class T>
-py::object conv_cplx_staged(const py::object& a, const py::object& b, int64_t nf, int64_t start,
+py::array conv_cplx_staged(const py::object& a, const py::object& b, int64_t nf, int64_t start,
                             int64_t outlen) {
   const ContiguousArray<std::complex<T>> signal(a);
   const ContiguousArray<std::complex<T>> kernel(b);
@@ -29,7 +29,7 @@ py::object conv_cplx_staged(const py::object& a, const py::object& b, int64_t nf
 }
 
 template <class T>
-py::object conv_direct_staged(const py::array& a, const py::array& b, int64_t start,
+py::array conv_direct_staged(const py::array& a, const py::array& b, int64_t start,
                               int64_t outlen) {
   const ContiguousArray<T> signal(a);
   const ContiguousArray<T> kernel(b);

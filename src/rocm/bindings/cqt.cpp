@@ -14,7 +14,7 @@ namespace kevra::bindings {
 namespace {
 
 template <class T>
-py::object cqt_staged(const py::object& y, const ops::CqtDesign& design, int form, double eps) {
+py::array cqt_staged(const py::object& y, const ops::CqtDesign& design, int form, double eps) {
   const ContiguousArray<T> input(y);
   if (form == 0) {
     return to_numpy(ops::cqt_staged<T, std::complex<T>>(input.view(), design, form, eps));

@@ -12,13 +12,13 @@ namespace kevra::bindings {
 namespace {
 
 template <class T>
-py::object rms_staged(const py::object& y, int64_t frame_length, int64_t hop, bool center) {
+py::array rms_staged(const py::object& y, int64_t frame_length, int64_t hop, bool center) {
   const ContiguousArray<T> input(y);
   return to_numpy(ops::rms_staged(input.view(), frame_length, hop, center));
 }
 
 template <class T>
-py::object onset_strength_staged(const py::object& s) {
+py::array onset_strength_staged(const py::object& s) {
   const ContiguousArray<T> input(s);
   return to_numpy(ops::onset_strength_staged(input.view()));
 }

@@ -13,19 +13,19 @@ namespace kevra::bindings {
 namespace {
 
 template <class T>
-py::object fft_staged(const py::array& x, bool inverse) {
+py::array fft_staged(const py::array& x, bool inverse) {
   const ContiguousArray<std::complex<T>> input(x);
   return to_numpy(ops::fft_staged(input.view(), inverse));
 }
 
 template <class T>
-py::object rfft_staged(const py::array& x) {
+py::array rfft_staged(const py::array& x) {
   const ContiguousArray<T> input(x);
   return to_numpy(ops::rfft_staged(input.view()));
 }
 
 template <class T>
-py::object irfft_staged(const py::array& x, int64_t n) {
+py::array irfft_staged(const py::array& x, int64_t n) {
   const ContiguousArray<std::complex<T>> input(x);
   return to_numpy(ops::irfft_staged(input.view(), n));
 }
@@ -107,7 +107,7 @@ conjugate times 1 / N.
 
 x: array (B, N); complex128 is computed in double, all else as complex64.
 Returns (B, N) of the same precision.
-Raises ValueError for bad shapes, RuntimeError when HIP fails or the size's route is not built.
+Raises ValueError for bad shapes, RuntimeError when HIP fails.
 Source: T. G. Stockham, High-speed convolution and correlation, AFIPS 1966.)");
   m.def(
       "fft_resident",
@@ -123,8 +123,8 @@ Source: T. G. Stockham, High-speed convolution and correlation, AFIPS 1966.)");
 x, out: addresses on device `dev` of (B, N) complex values, row-major, interleaved; out may be x.
 prec: 0 half storage with float arithmetic, 1 float, 2 double, 3 half storage with two rows packed
 into half arithmetic where a kernel has it. stream: raw handle, 0 the null stream.
-Pointers are not checked. Raises ValueError for sizes out of bounds, RuntimeError when HIP fails
-or the size's route is not built.)");
+Pointers are not checked. Raises ValueError for sizes out of bounds, RuntimeError when HIP fails.
+)");
   bind_rfft(m);
 }
 

@@ -13,7 +13,7 @@ namespace kevra::bindings {
 namespace {
 
 template <class T>
-py::object griffinlim_staged(const py::object& s, const py::object& angles,
+py::array griffinlim_staged(const py::object& s, const py::object& angles,
                              const ops::GriffinLimOptions& options) {
   const ContiguousArray<T> magnitudes(s);
   const ContiguousArray<std::complex<T>> phases(angles);

@@ -30,7 +30,7 @@ struct MatrixArgument {
 };
 
 template <class T>
-py::object inverse_mel_scale_staged(const py::object& m, const ops::InverseMelMatrix& matrix,
+py::array inverse_mel_scale_staged(const py::object& m, const ops::InverseMelMatrix& matrix,
                                     bool clamp) {
   const ContiguousArray<T> input(m);
   return to_numpy(ops::inverse_mel_scale_staged<T>(input.view(), matrix, clamp));

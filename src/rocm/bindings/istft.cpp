@@ -13,7 +13,7 @@ namespace kevra::bindings {
 namespace {
 
 template <class T>
-py::object istft_staged(const py::object& z, const ops::IstftOptions& options) {
+py::array istft_staged(const py::object& z, const ops::IstftOptions& options) {
   const ContiguousArray<std::complex<T>> input(z);
   return to_numpy(ops::istft_staged<T>(input.view(), options));
 }

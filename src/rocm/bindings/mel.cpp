@@ -13,7 +13,7 @@ namespace kevra::bindings {
 namespace {
 
 template <class T>
-py::object mel_staged(const py::object& y, const ops::MelOptions& options) {
+py::array mel_staged(const py::object& y, const ops::MelOptions& options) {
   const ContiguousArray<T> input(y);
   return frames_last(ops::mel_staged<T>(input.view(), options));
 }

@@ -14,7 +14,7 @@ namespace kevra::bindings {
 namespace {
 
 template <class T>
-py::object stft_staged(const py::object& y, const ops::StftOptions& options) {
+py::array stft_staged(const py::object& y, const ops::StftOptions& options) {
   const ContiguousArray<T> input(y);
   if (options.form == 0) {
     return frames_last(ops::stft_staged<T, std::complex<T>>(input.view(), options));
