@@ -106,8 +106,8 @@ void bind_conv_adjoint(py::module_& m) {
   m.def(
       "conv_adjoint_resident",
       [](uintptr_t gy, uintptr_t w, uintptr_t out, int64_t rows, int64_t rows_w, int64_t len_g,
-         int64_t len_w, int64_t nf, int64_t off, int64_t sl_start, int64_t sl_len, bool sum_rows,
-         bool cplx, int prec, int device, uintptr_t stream) {
+         int64_t len_w, int64_t nf, int64_t off, int64_t sl_start, int64_t sl_len, int sum_rows,
+         int cplx, int prec, int device, uintptr_t stream) {
         ops::conv_adjoint_resident({.gy = reinterpret_cast<devptr_t>(gy),
                                     .w = reinterpret_cast<devptr_t>(w),
                                     .out = reinterpret_cast<devptr_t>(out),
@@ -119,8 +119,8 @@ void bind_conv_adjoint(py::module_& m) {
                                     .off = off,
                                     .sl_start = sl_start,
                                     .sl_len = sl_len,
-                                    .sum_rows = sum_rows,
-                                    .is_complex = cplx},
+                                    .sum_rows = sum_rows != 0,
+                                    .is_complex = cplx != 0},
                                    prec, device, reinterpret_cast<stream_t>(stream));
       },
       py::arg("gy_ptr"), py::arg("w_ptr"), py::arg("out_ptr"), py::arg("rows"), py::arg("rows_w"),

@@ -92,8 +92,8 @@ x_ptr: address on `device` of (batch, length) samples, the forward pass's. g_ptr
 values, dE/dchroma, row-major. gx_ptr: address of (batch, length) samples, overwritten; of no frames the gradient is 0.
 n_levels, octaves, taps, classes, plan_key, n_bins, n_chroma, frames: as in chroma_staged; the arrays are host arrays.
 prec: 1 float, 2 double; half storage is refused. stream: raw handle, 0 the null stream.
-A magnitude of 0 has the gradient 0: so has silence. Order of additions, pointers, tables and errors: as in
-cqt_adjoint_resident.
+A magnitude of 0 has the gradient 0: so has silence. Order of additions, pointers and tables: as in
+cqt_adjoint_resident. Raises ValueError and RuntimeError as that does.
 Source: as chroma_staged.)");
 }
 

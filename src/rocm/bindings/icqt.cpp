@@ -17,7 +17,7 @@ namespace {
 constexpr const char* kOp = "icqt";
 
 template <class T>
-py::object direct_staged(const py::object& c, const ops::IcqtCall& call) {
+py::array direct_staged(const py::object& c, const ops::IcqtCall& call) {
   const ContiguousArray<std::complex<T>> input(c);
   return to_numpy(ops::icqt_direct_staged<T>(input.view(), call));
 }
