@@ -2,6 +2,7 @@
 
 import ast
 import re
+from importlib.util import find_spec
 from pathlib import Path
 
 import kevra
@@ -15,6 +16,7 @@ source_suffix = [".md"]
 exclude_patterns = ["requirements.txt"]
 myst_enable_extensions = ["colon_fence"]
 myst_heading_anchors = 3
+autodoc_mock_imports = [] if find_spec("torch") else ["torch"]
 html_theme = "furo"
 html_title = f"kevra {release}"
 html_copy_source = False
@@ -22,7 +24,8 @@ html_copy_source = False
 suppress_warnings = ["myst.xref_missing", "download.not_readable"]
 
 PYTHON_FUNCTIONS = ["use_cpu_device", "use_cuda_device", "cpu_device_path", "cuda_device_path", "mel_filter_bank",
-                    "constant_q_plan", "half_band_taps"]
+                    "constant_q_plan", "half_band_taps", "dual_octaves", "constant_q_inverse", "tune", "load_tuned",
+                    "tuned_file"]
 
 
 stub = Path(kevra.__file__).with_name("_rocm.pyi").read_text()
@@ -45,6 +48,8 @@ def write_reference():
     for heading, names in {**groups(), "Devices, filter banks and plans": PYTHON_FUNCTIONS}.items():
         parts += [f"## {heading}", "```{eval-rst}", ".. currentmodule:: kevra"]
         parts += [f".. autofunction:: {name}" for name in names] + ["```"]
+    parts += ["## PyTorch tensors", "```{eval-rst}", ".. automodule:: kevra.torch\n   :members:\n   :imported-members:",
+              "```"]
     (here / "reference.md").write_text("\n\n".join(parts) + "\n")
 
 
