@@ -15,7 +15,7 @@ namespace {
 
 template <class T>
 py::array chroma_staged(const py::object& y, const ops::CqtDesign& design,
-                         const ops::ChromaClasses& classes) {
+                        const ops::ChromaClasses& classes) {
   const ContiguousArray<T> input(y);
   return to_numpy(ops::chroma_staged(input.view(), design, classes));
 }

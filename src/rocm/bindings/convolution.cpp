@@ -14,7 +14,7 @@ namespace {
 
 template <class T>
 py::array conv_fft_staged(const py::object& a, const py::object& b, int64_t nf, int64_t start,
-                           int64_t outlen) {
+                          int64_t outlen) {
   const ContiguousArray<T> signal(a);
   const ContiguousArray<T> kernel(b);
   return to_numpy(ops::conv_fft_staged(signal.view(), kernel.view(), nf, start, outlen));
@@ -22,7 +22,7 @@ py::array conv_fft_staged(const py::object& a, const py::object& b, int64_t nf, 
 
 template <class T>
 py::array conv_cplx_staged(const py::object& a, const py::object& b, int64_t nf, int64_t start,
-                            int64_t outlen) {
+                           int64_t outlen) {
   const ContiguousArray<std::complex<T>> signal(a);
   const ContiguousArray<std::complex<T>> kernel(b);
   return to_numpy(ops::conv_cplx_staged(signal.view(), kernel.view(), nf, start, outlen));
@@ -30,7 +30,7 @@ py::array conv_cplx_staged(const py::object& a, const py::object& b, int64_t nf,
 
 template <class T>
 py::array conv_direct_staged(const py::array& a, const py::array& b, int64_t start,
-                              int64_t outlen) {
+                             int64_t outlen) {
   const ContiguousArray<T> signal(a);
   const ContiguousArray<T> kernel(b);
   return to_numpy(ops::conv_direct_staged(signal.view(), kernel.view(), start, outlen));

@@ -14,7 +14,7 @@ namespace {
 
 template <class T>
 py::array griffinlim_staged(const py::object& s, const py::object& angles,
-                             const ops::GriffinLimOptions& options) {
+                            const ops::GriffinLimOptions& options) {
   const ContiguousArray<T> magnitudes(s);
   const ContiguousArray<std::complex<T>> phases(angles);
   return to_numpy(ops::griffinlim_staged<T>(magnitudes.view(), phases.view(), options));

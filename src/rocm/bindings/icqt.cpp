@@ -23,8 +23,8 @@ py::array direct_staged(const py::object& c, const ops::IcqtCall& call) {
 }
 
 template <class T>
-py::object cg_staged(const py::object& c, const py::object& y0, const ops::CqtDesign& design,
-                     int64_t n_iter) {
+py::array cg_staged(const py::object& c, const py::object& y0, const ops::CqtDesign& design,
+                    int64_t n_iter) {
   const ContiguousArray<std::complex<T>> bins(c);
   const ContiguousArray<T> start(y0);
   return to_numpy(ops::icqt_cg_staged<T>(bins.view(), start.view(), design, n_iter));

@@ -31,7 +31,7 @@ struct MatrixArgument {
 
 template <class T>
 py::array inverse_mel_scale_staged(const py::object& m, const ops::InverseMelMatrix& matrix,
-                                    bool clamp) {
+                                   bool clamp) {
   const ContiguousArray<T> input(m);
   return to_numpy(ops::inverse_mel_scale_staged<T>(input.view(), matrix, clamp));
 }

@@ -25,7 +25,7 @@ struct History {
 
 template <class T>
 py::array lfilter_staged(const py::object& x, const py::object& cf, const ops::LfilterOrder& order,
-                          const py::object& xh, const py::object& zy) {
+                         const py::object& xh, const py::object& zy) {
   const ContiguousArray<T> input(x);
   const ContiguousArray<T> coefficients(cf);
   const History<T> inputs(xh);
