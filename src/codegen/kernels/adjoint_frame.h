@@ -26,6 +26,9 @@ struct AdjointFrame {
 
   int bins() const { return n_fft / 2 + 1; }
   int threads() const;
+  // Whether a frame runs as n_fft / 2 complex points, even samples real and odd ones imaginary.
+  bool is_packed() const { return n_fft % 2 == 0 && n_fft > 2; }
+  int size() const;  // of the transform
   // Of the transform, its prime stage's scratch included; behind it stands the spectrum.
   int points() const;
   size_t shared_bytes(bool with_spectrum) const;
@@ -39,19 +42,27 @@ std::string adjoint_prelude(const AdjointFrame& frame, const Backend& backend);
 // Names tid, frame, batch and the block's array `bufA`.
 void emit_adjoint_map(KernelWriter& w, const AdjointFrame& frame);
 
-// The forward transform of the n_fft values that the block's threads have put into bufA, with a
-// barrier before and behind.
-void emit_adjoint_transform(KernelWriter& w, const AdjointFrame& frame);
+// The transform of a frame whose sample `i` is the text `sample` makes: `store` takes each of the
+// NB bins, a number and a name of its value, once. A barrier stands before the bins, none behind.
+using FrameSample = std::function<std::string(const std::string& i)>;
+using BinStore = std::function<void(const std::string& k, const std::string& value)>;
+void emit_frame_bins(KernelWriter& w, const AdjointFrame& frame, const FrameSample& sample,
+                     const BinStore& store);
 
-// The frame's transform from `y`: NB bins in shared memory, named `Xs`, behind a barrier.
+// That of the signal `y`: NB bins in shared memory, named `Xs`, behind a barrier.
 void emit_frame_spectrum(KernelWriter& w, const AdjointFrame& frame);
 
-// Lays the conjugate of every bin's gradient into bufA, zeros above the last bin: that gradient is
-// c X, X being the bin of `Xs` and c what `emit_factor` names for bin `j`.
+// From the gradients of the bins to the points in bufA that emit_frame_gradient goes on from.
+// `gradient` makes the text of a bin's, which one thread reads.
+using BinGradient = std::function<std::string(const std::string& k)>;
+void emit_gradient_points(KernelWriter& w, const AdjointFrame& frame, const BinGradient& gradient);
+
+// The same for gradients c X, X being the bin of `Xs` and c what `emit_factor` names for bin `j`.
+// Leaves the gradients in `Xs`.
 using BinFactor = std::function<void(const std::string& j)>;
 void emit_scaled_bins(KernelWriter& w, const AdjointFrame& frame, const BinFactor& emit_factor);
 
-// From the values in bufA, written by the block's threads without a barrier behind, to graw.
+// From those points, written without a barrier behind, to graw.
 void emit_frame_gradient(KernelWriter& w, const AdjointFrame& frame);
 
 }  // namespace kevra::codegen

@@ -71,15 +71,16 @@ std::string IstftAdjointKernel::source(const Backend& backend) const {
   KernelWriter w(frame.prec, backend);
   emit_adjoint_map(w, frame);
   w.stmt("I64 ib = (I64)batch*out_len + (I64)frame*HOP;");
-  w.for_loop("i", "tid", std::to_string(frame.n_fft), "TPF", [&](const std::string& i) {
-    w.stmt("bufA[SHP($)] = cmk(g[ib + $] * $, ($)0);", i, i, scaled_window(w, frame.n_fft, i), t);
-  });
-  emit_adjoint_transform(w, frame);
   w.stmt("I64 ob = ((I64)batch*NF + frame) * NB;");
-  w.for_loop("k", "tid", "NB", "TPF", [&](const std::string& k) {
-    w.stmt("cplx c = bufA[SHP($)];", k);
-    emit_bin_gradient(w, frame.n_fft, k, "gZ[ob + " + k + "]");
-  });
+  emit_frame_bins(
+      w, frame,
+      [&](const std::string& i) {
+        return format("g[ib + $] * $", {i, scaled_window(w, frame.n_fft, i)});
+      },
+      [&](const std::string& k, const std::string& v) {
+        w.stmt("cplx c = $;", v);
+        emit_bin_gradient(w, frame.n_fft, k, "gZ[ob + " + k + "]");
+      });
   return adjoint_prelude(frame, backend) +
          KernelSignature(kName, backend)
              .add_const_pointer(t, "g")

@@ -30,12 +30,8 @@ std::string head(const StftAdjointKernel& kernel, const Backend& backend) {
 }
 
 void emit_complex_load(KernelWriter& w, const AdjointFrame& frame) {
-  const std::string t = w.backend.scalar_type(w.prec);
   w.stmt("const DEV cplx* gb = gX + (I64)batch*sb + (I64)frame*st;");
-  w.for_loop("k", "tid", std::to_string(frame.n_fft), "TPF", [&](const std::string& k) {
-    w.stmt("cplx gk = ($ < NB) ? gb[(I64)$*sk] : cmk(($)0,($)0);", k, k, t, t);
-    w.stmt("bufA[SHP($)] = cmk(gk.x, -gk.y);", k);
-  });
+  emit_gradient_points(w, frame, [](const std::string& k) { return "gb[(I64)" + k + "*sk]"; });
 }
 
 void emit_mode_load(KernelWriter& w, const StftAdjointKernel& kernel) {

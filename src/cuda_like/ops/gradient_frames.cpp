@@ -14,8 +14,9 @@ codegen::AdjointFrame gradient_frame(const GradientSizes& sizes, int prec) {
           .slots = deterministic()};
 }
 
-devptr_t gradient_twiddles(int n_fft, int prec) {
-  return fft_twiddles(n_fft, codegen::rader_prime(n_fft), prec == codegen::kDouble);
+devptr_t gradient_twiddles(const codegen::AdjointFrame& frame) {
+  return fft_twiddles(frame.n_fft, codegen::rader_prime(frame.size()),
+                      frame.prec == codegen::kDouble);
 }
 
 template <class T>

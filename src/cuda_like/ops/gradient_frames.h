@@ -24,7 +24,7 @@ struct FusedGradient {
 
 // The record of the frames; whether they have places of their own is the deterministic mode's say.
 codegen::AdjointFrame gradient_frame(const GradientSizes& sizes, int prec);
-devptr_t gradient_twiddles(int n_fft, int prec);
+devptr_t gradient_twiddles(const codegen::AdjointFrame& frame);
 
 // For a record of a kernel that has `frame`. `label` names what is too large where a frame does not
 // fit.
@@ -39,7 +39,7 @@ FusedGradient fused_gradient(const Kernel& kernel, const WindowSpec& window, int
           .slots = frame.slots,
           .crop = gradient_crop(frame.n_fft, frame.hop, frame.prec, frame.slots, device),
           .window = window_table(window, frame.n_fft, frame.prec),
-          .twiddles = gradient_twiddles(frame.n_fft, frame.prec)};
+          .twiddles = gradient_twiddles(frame)};
 }
 
 // Memory for the gradients of the frames of `rows` batch rows, zeroed where they are sums.

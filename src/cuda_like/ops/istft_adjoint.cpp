@@ -85,7 +85,7 @@ IstftAdjointPlan build_plan(const IstftAdjointCall& call, const GradientSizes& s
   const IstftAdjointKernel kernel{
       {.n_fft = n, .hop = sizes.hop, .pad = 0, .prec = kPrec, .slots = false}};
   check_shared(kernel.shared_bytes(), call.device, "istft_adjoint: n_fft");
-  plan.twiddles = gradient_twiddles(n, kPrec);
+  plan.twiddles = gradient_twiddles(kernel.frame);
   plan.frames = kernel_function(kernel, call.device);
   plan.block = static_cast<unsigned>(kernel.frame.threads());
   plan.shared = kernel.shared_bytes();
