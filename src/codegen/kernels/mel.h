@@ -46,9 +46,6 @@ struct MelKernel {
 };
 std::string mel_source(const MelKernel& kernel, const Backend& backend);
 
-// The form of output of a band whose weighted sum is `acc`.
-std::string band_value(const KernelWriter& w, int form, const std::string& acc);
-
 // Bands of rows of `bins` values in device memory: a thread a band, grid (blocks, rows). Takes
 // (P, mel, lo, off, w, row0); rows start at row0, so that more rows than a grid holds take several
 // launches.
