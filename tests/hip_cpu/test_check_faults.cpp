@@ -59,6 +59,11 @@ extern "C" __global__ void divergent(float* out) {
   if (threadIdx.x > 3) __syncthreads();
   out[threadIdx.x] = 1;
 }
+extern "C" __global__ void stray_loop(const float* x, float* out) {
+  float held[12];
+  for (int i = 0; i < 12; ++i) held[i] = x[i];
+  out[threadIdx.x] = held[threadIdx.x % 12];
+}
 )";
 
 TEST(CheckFaults, EveryFaultIsToldByKernelBlockAndThread) {
@@ -102,6 +107,8 @@ TEST(CheckFaults, EveryFaultIsToldByKernelBlockAndThread) {
          {"stray access", "thread (0,0,0) changes 4 bytes", "at byte 1024", "(test.hip:41)"});
   expect("stray_shared", run("stray_shared", {}, 512, p),
          {"stray access", "thread (128,0,0) writes", "512 bytes into the block's shared memory"});
+  expect("stray_loop", run("stray_loop", {}, 0, p + 250, p),
+         {"stray access", "thread (0,0,0) reads 4 bytes", "at byte 1024", "(test.hip:57)"});
   expect("divergent", run("divergent", {}, 0, p), {"barrier of line"});
 
   EXPECT_EQ(run("unset_shared", {}, 1024, p), "");

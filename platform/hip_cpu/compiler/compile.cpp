@@ -63,11 +63,15 @@ const Command lane_options = {"-w",
 #endif
                               "-DKEVRA_CPU_LANE_CODE"};
 // Without `func` the compiler emits no callbacks at loads and stores. Vector code would merge
-// the accesses of several threads and elements into one.
+// the accesses of several threads and elements into one, and loops that copy or fill would become
+// calls of the C library, which nothing looks at.
 const Command check_options = {"-O1",
                                "-gline-tables-only",
                                "-fno-vectorize",
                                "-fno-slp-vectorize",
+                               "-fno-builtin-memcpy",
+                               "-fno-builtin-memmove",
+                               "-fno-builtin-memset",
                                "-DKEVRA_CPU_CHECK",
                                "-fsanitize-coverage=func,trace-loads,trace-stores"};
 
