@@ -63,6 +63,7 @@ void contrast_reduce_resident(devptr_t m, devptr_t out, int64_t rows, int64_t n,
   check_band_edges(contrast.bands);
   require_at_least("contrast", "rows", rows, 0);
   require_at_least("contrast", "n", n, 1);
+  require_rows("contrast", "rows", rows, n);
   check_bands(contrast.bands, n);
   select_device(device);
   if (rows == 0 || contrast.bands.n_bands == 0) return;

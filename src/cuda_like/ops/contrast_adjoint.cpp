@@ -42,6 +42,7 @@ void contrast_adjoint_resident(devptr_t m, devptr_t gy, devptr_t gm, int64_t row
   check_band_edges(contrast.bands);
   require_at_least("contrast", "rows", rows, 0);
   require_at_least("contrast", "n", n, 1);
+  require_rows("contrast", "rows", rows, n);
   check_bands(contrast.bands, n);
   select_device(device);
   if (rows == 0) return;

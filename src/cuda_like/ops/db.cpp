@@ -53,6 +53,7 @@ void db_inv(devptr_t d, devptr_t out, int64_t total, double mul, double ref, int
 void db_resident(devptr_t s, devptr_t out, const Decibels& shape, int prec, int device,
                  stream_t stream) {
   require_at_least("db", "n", shape.n, 0);
+  require_rows("db", "items", shape.items, shape.n);
   select_device(device);
   if (shape.items < 1 || shape.n == 0) return;
   prec == 2 ? db<double>(s, out, shape, device, stream) : db<float>(s, out, shape, device, stream);

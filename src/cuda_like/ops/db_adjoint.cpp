@@ -34,6 +34,7 @@ void db_adjoint_resident(devptr_t s, devptr_t g, devptr_t gs, const Decibels& db
                          int device, stream_t stream) {
   require_full_precision(prec, "db: half gradients compute in f32 - upcast the tensors");
   require_at_least("db", "n", db.n, 0);
+  require_rows("db", "items", db.items, db.n);
   select_device(device);
   if (db.items < 1 || db.n == 0) return;
   prec == codegen::kDouble ? adjoint<double>(s, g, gs, db, device, stream)

@@ -2,6 +2,7 @@
 // text names the operation, the value received and the bound.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <stdexcept>
@@ -21,6 +22,13 @@ inline void require_at_most(const char* op, const char* what, int64_t value, int
     throw std::invalid_argument(std::string(op) + ": " + what + " is " + std::to_string(value) +
                                 ", must be at most " + std::to_string(most));
   }
+}
+
+// Rows of n elements each, queued as many at once as a launch takes. No device's memory holds more:
+// they would be queued for years.
+inline void require_rows(const char* op, const char* what, int64_t rows, int64_t n) {
+  constexpr int64_t kMostElements = int64_t{1} << 40;
+  require_at_most(op, what, rows, kMostElements / std::max<int64_t>(n, 1));
 }
 
 // A kernel takes the value as a 32-bit int.

@@ -38,6 +38,7 @@ void check_lfilter(const LfilterCall& call) {
   check_order("lfilter", call.order);
   require_at_least("lfilter", "rows", call.rows, 0);
   require_at_least("lfilter", "n", call.n, 0);
+  require_rows("lfilter", "rows", call.rows, call.n);
   require_int32("lfilter", "seq", call.seq, 1);
   if (call.threads < 1 || call.threads > kLargestBlock ||
       !std::has_single_bit(static_cast<uint64_t>(call.threads))) {
@@ -71,7 +72,8 @@ std::vector<double> companion_power(const std::vector<double>& a, int64_t seq) {
 }
 
 // A block of lfilter_pack_resident is for stretches of 16. Whether this is one shows in its first
-// matrix, which the host has to wait for; callers with a `seq` of their own are rare.
+// matrix, which the host has to wait for; callers with a `seq` of their own are rare. Shared memory
+// bounds `seq` before: the power is made step by step.
 template <class T>
 void refuse_packed(const LfilterCall& call, stream_t stream) {
   const size_t p = static_cast<size_t>(call.order.p);
@@ -127,6 +129,7 @@ void launch_block(const Kernel& kernel, devptr_t b, devptr_t a, devptr_t out, in
 template <class T>
 void run(const LfilterCall& call, int prec, int device, stream_t stream) {
   const LfilterKernel kernel = choose_kernel(call, prec, device);
+  if (call.seq != LfilterPackKernel::kSeq && call.order.p > 0) refuse_packed<T>(call, stream);
   const codegen::LfilterBasisKernel block = kernel.basis();
   const DeviceBuffer coefficients(static_cast<size_t>(block.values()) * sizeof(double), stream);
   T* const b = static_cast<T*>(call.cf);
@@ -210,10 +213,6 @@ void lfilter_resident(const LfilterCall& call, int prec, int device, stream_t st
   check_lfilter(call);
   select_device(device);
   if (call.rows == 0 || call.n == 0) return;
-  if (call.seq != LfilterPackKernel::kSeq && call.order.p > 0) {
-    prec == codegen::kDouble ? refuse_packed<double>(call, stream)
-                             : refuse_packed<float>(call, stream);
-  }
   prec == codegen::kDouble ? run<double>(call, prec, device, stream)
                            : run<float>(call, prec, device, stream);
 }

@@ -62,6 +62,7 @@ void spectral_reduce_resident(devptr_t m, devptr_t out, int64_t rows, int64_t n,
   check_statistic(statistic);
   require_at_least("spectral", "rows", rows, 0);
   require_at_least("spectral", "n", n, 1);
+  require_rows("spectral", "rows", rows, n);
   select_device(device);
   prec == codegen::kDouble ? reduce<double>(m, out, rows, n, statistic, prec, device, stream)
                            : reduce<float>(m, out, rows, n, statistic, prec, device, stream);

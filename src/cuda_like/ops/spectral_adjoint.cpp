@@ -49,6 +49,7 @@ void spectral_adjoint_resident(devptr_t m, devptr_t gy, devptr_t gm, int64_t row
   check_gradient(statistic);
   require_at_least("spectral", "rows", rows, 0);
   require_at_least("spectral", "n", n, 1);
+  require_rows("spectral", "rows", rows, n);
   select_device(device);
   if (rows == 0) return;
   prec == codegen::kDouble ? adjoint<double>(m, gy, gm, rows, n, statistic, device, stream)
