@@ -1,5 +1,7 @@
 #include "rocm/context.h"
 
+#include <pthread.h>
+
 #include <array>
 #include <atomic>
 #include <stdexcept>
@@ -17,6 +19,7 @@ namespace {
 
 int availability_state = -1;
 std::atomic<bool> deterministic_flag{false};
+std::atomic<bool> forked_after_use{false};
 
 // The record that hipGetDevicePropertiesR0600 fills, and where its texts stand.
 constexpr size_t kPropertiesBytes = 1472;
@@ -37,11 +40,19 @@ int attribute_or_zero(int attribute, int dev) {
   return err != 0 || value < 0 ? 0 : value;
 }
 
+// A fork copies one thread, and the runtime needs the others: a call in the child could wait for
+// one of them forever.
+void watch_for_forks() {
+  pthread_atfork(nullptr, nullptr, [] { forked_after_use = true; });
+}
+
 bool find_device() {
   hip_dl::Table scratch{};
   if (!hip_dl::probe(scratch) || scratch.Init(0) != 0) return false;
   int count = 0;
-  return scratch.GetDeviceCount(&count) == 0 && count >= 1;
+  if (scratch.GetDeviceCount(&count) != 0 || count < 1) return false;
+  watch_for_forks();
+  return true;
 }
 
 }  // namespace
@@ -84,8 +95,18 @@ std::string device_arch(int dev) {
   return arch.substr(0, arch.find(':'));
 }
 
+bool forked() {
+  return forked_after_use;
+}
+
 int select_device(int dev_id) {
   std::lock_guard lock(runtime_mutex);
+  if (forked()) {
+    throw std::runtime_error(
+        "kevra: this process was forked from one that had used the GPU already, whose runtime does "
+        "not work on in it; fork before the first call, or start processes by multiprocessing's "
+        "\"spawn\" or \"forkserver\"");
+  }
   if (!available()) throw std::runtime_error("no HIP device available");
   KEVRA_CHECK(::kevra::hip_dl::api().SetDevice(dev_id));
   return dev_id;

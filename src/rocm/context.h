@@ -15,6 +15,10 @@ int availability();
 // Throws std::runtime_error "file:line: expr [context] failed: words" unless err is 0.
 void check_hip(int err, const char* file, int line, const char* expr, const char* context);
 
+// Whether this process was forked from one that had asked for a device: nothing of the runtime may
+// be called then.
+bool forked();
+
 int device_count();
 // Properties of a device; the empty string when the runtime does not tell. The architecture is
 // cut before the first ":", so that feature suffixes go.

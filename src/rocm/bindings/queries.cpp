@@ -45,6 +45,7 @@ void bind_queries(py::module_& m) {
   m.def(
       "drain_pool",
       [] {
+        if (forked()) return;
         device_drain();
         pinned_drain();
       },
