@@ -71,7 +71,7 @@ void bind_conv_direct(py::module_& m) {
   m.def(
       "conv_direct_staged",
       [](const py::array& a, const py::array& b, int64_t start, int64_t outlen) {
-        return a.dtype().is(py::dtype::of<double>())
+        return a.dtype().equal(py::dtype::of<double>())
                    ? conv_direct_staged<double>(a, b, start, outlen)
                    : conv_direct_staged<float>(a, b, start, outlen);
       },

@@ -32,7 +32,7 @@ py::array irfft_staged(const py::array& x, int64_t n) {
 
 template <class T>
 bool holds(const py::array& x) {
-  return x.dtype().is(py::dtype::of<T>());
+  return x.dtype().equal(py::dtype::of<T>());
 }
 bool is_complex128(const py::array& x) {
   return holds<std::complex<double>>(x);

@@ -27,7 +27,7 @@ void bind_griffinlim(py::module_& m) {
       "griffinlim_staged",
       [](const py::array& s, const py::array& ang, const py::object& window, int64_t n_fft,
          int64_t hop, bool center, int64_t n_iter, double momentum, int64_t length) {
-        const bool wide = s.dtype().is(py::dtype::of<double>());
+        const bool wide = s.dtype().equal(py::dtype::of<double>());
         const WindowArgument argument(window);
         const ops::GriffinLimOptions options{argument.spec, n_fft,    hop,   center,
                                              n_iter,        momentum, length};
