@@ -114,6 +114,32 @@ run_sanitized() {
   run_cpp sanitized
 }
 
+# Both kinds of tests on a build that counts the lines that run, and the share of src/ that did.
+run_coverage() {
+  local site least=90
+  site=$(echo "$venv"/lib/python3*/site-packages)
+  if ! build_tree coverage all -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O1 -DKEVRA_COVERAGE=ON \
+    -DKEVRA_PYTHON_MODULE=ON -DKEVRA_TESTS=ON -DPython_EXECUTABLE="$python" \
+    -Dpybind11_DIR="$site/pybind11/share/cmake/pybind11" ||
+    ! run_logged gcovr "Installing gcovr" "$python" -m pip install --disable-pip-version-check "gcovr>=8,<9"; then
+    broken+=("coverage build")
+    return 0
+  fi
+  find "$build_dir" -name '*.gcda' -delete
+  device_switches '' ''
+  fresh_cache
+  export PYTHONPATH=$build_dir/package
+  run_cpp coverage
+  run_pytest coverage
+  unset PYTHONPATH
+  headline "Lines of src/ that ran"
+  "$python" -m gcovr --root "$root" --object-directory "$build_dir" --filter "$root/src/" \
+    --gcov-ignore-parse-errors=negative_hits.warn_once_per_file --sort uncovered-percent --fail-under-line $least \
+    >"$log_dir/coverage.txt" || broken+=("coverage below $least %")
+  grep '^TOTAL' "$log_dir/coverage.txt"
+  say "File by file in $log_dir/coverage.txt"
+}
+
 # The package as a user gets it: a wheel, in an environment that has nothing else, away from the source.
 run_wheel() {
   local place=$reports/wheel
