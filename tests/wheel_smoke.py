@@ -1,5 +1,6 @@
 """Tries an installed kevra on the CPU device: run with the interpreter of an environment that has nothing else."""
 
+import importlib.util
 import subprocess
 import sys
 from pathlib import Path
@@ -12,6 +13,7 @@ assert installed.is_relative_to(sys.prefix), f"kevra comes from {installed}, not
 assert not kevra.__file__.startswith(str(Path(__file__).parents[1])), "kevra comes from the source tree"
 
 assert Path(kevra.cuda_device_path()).is_file() and Path(kevra.cuda_device_path()).with_name("libhiprtc.so").is_file()
+assert importlib.util.find_spec("kevra.torch"), "kevra.torch is not in the wheel"
 kevra.use_cpu_device()
 signal = np.random.default_rng(1).standard_normal((2, 5000))
 frames = np.lib.stride_tricks.sliding_window_view(signal, 512, axis=1)[:, ::128]
