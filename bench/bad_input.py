@@ -20,6 +20,7 @@ ROOM = 1 << 20  # bytes that every address has where a size is changed: small on
 SMALL = 4096  # sizes beyond need more
 ADDRESS_SPACE = 64 << 30  # of a process; a size that numpy cannot serve is a MemoryError, not the machine's end
 DEVICE_MEMORY = "64M"  # scratch for great sizes is refused before anything fills it
+DEVICE_CACHE = "4K"  # which tuners fill a hundred times for each candidate
 REFUSALS = (TypeError, ValueError, RuntimeError, MemoryError, BufferError)
 EARLY = (TypeError, ValueError)  # nothing has been queued
 ROUNDS = {"n_iter", "iters", "warmup"}  # any number of them is right, and takes its time
@@ -263,7 +264,8 @@ def main() -> int:
     jobs = max(1, (os.cpu_count() or 2) // 2)
     chosen = harness.options(__doc__, SELECTION, calls=20_000, seed=1, jobs=jobs, every=1)
     harness.cpu_device_only(chosen, "Addresses that lead nowhere are told by the CPU device")
-    os.environ.update({"KEVRA_CPU_CHECK": "1", "KEVRA_CPU_MEMORY": DEVICE_MEMORY, "KEVRA_CPU_THREADS": "2"})
+    os.environ.update({"KEVRA_CPU_CHECK": "1", "KEVRA_CPU_MEMORY": DEVICE_MEMORY, "KEVRA_CPU_THREADS": "2",
+                       "KEVRA_CPU_CACHE": DEVICE_CACHE})
     taking = [name for name in selected(table(False), chosen) if table(False)[name].arguments]
     each, failures, tally = -(-chosen.calls // len(taking)), [], Counter()
     with harness.cache_folder():

@@ -11,9 +11,10 @@ import harness
 import kevra
 from campaigns import SELECTION, children, report, selected
 from campaigns.calls import calls
-from campaigns.device import NEVER, Device, DeviceFailure, Prepared, differ, in_use, misfit, outcome, pools
+from campaigns.device import NEVER, Device, DeviceFailure, Prepared, differ, in_use, misfit, pools
 
 LIMIT = 120  # seconds for a case; one that compiles waits for other processes too
+AT_ONCE = 200  # cases of a call with its kernels in place, to a process
 OUT_OF_MEMORY = 2
 NO_DEVICE = "no HIP device available"
 HIPRTC_FAILS, HIP_FAILS = 6, 1
@@ -36,6 +37,7 @@ TEXTS = {
     "hipModuleLoadData": r"hipModuleLoadData failed for \w+ \(\d+-byte code object compiled for \S+\): WORDS",
     "hiprtcCompileProgram": r"kevra kernel compile failed:\n(?s:.*)",
 }
+CACHE = "4K"  # of the device, which tuners fill a hundred times for each candidate
 NOT_REACHED = "not reached"
 TABLE = calls()
 
@@ -225,7 +227,7 @@ def folder_of(entry: str) -> Path:
 
 
 def warm_calls(entry: str, cases: list[Case], want: Good) -> list[tuple[Case, str]]:
-    """All cases of a call whose kernels, tables and plans are in place, on empty pools, in one process."""
+    """Cases of a call whose kernels, tables and plans are in place, on empty pools, in one process."""
     device = Device()
     ledger = Ledger(device, device.names())
     prepared = Prepared(TABLE[entry], device)
@@ -301,14 +303,17 @@ class Campaign:
 
 
 def main() -> int:
-    chosen = harness.options(__doc__, SELECTION, jobs=max(1, (os.cpu_count() or 2) // 2), most=1000, every=1)
+    chosen = harness.options(__doc__, SELECTION, jobs=max(1, (os.cpu_count() or 2) // 2), most=100, every=1)
     harness.cpu_device_only(chosen, "Failures are asked of the CPU device")
-    os.environ.setdefault("KEVRA_CPU_THREADS", "2")
+    os.environ.update({"KEVRA_CPU_THREADS": "2", "KEVRA_CPU_CACHE": CACHE})
     entries = selected(TABLE, chosen)
     campaign = Campaign(chosen.jobs)
     with harness.cache_folder():
         goods = {task[1]: answer for task, answer in campaign.run([("good", name) for name in entries], "calls")}
-        warm = [("warm", name, cases_of(name, g.warm), g) for name, g in goods.items()]
+        warm = []
+        for name, g in goods.items():
+            cases = cases_of(name, g.warm)
+            warm += [("warm", name, cases[k:k + AT_ONCE], g) for k in range(0, len(cases), AT_ONCE)]
         for _, found in campaign.run(warm, "in place"):
             for case, wrong in found:
                 campaign.tell(case, wrong)
