@@ -80,7 +80,7 @@ extern std::recursive_mutex runtime_mutex;
 // std::runtime_error "no HIP device available" where there is none.
 int select_device(int dev);
 
-// The calling thread's device; -1 when the platform does not tell.
+// The calling thread's device; where the platform does not tell, the one selected last, or -1.
 int current_device();
 
 // Bytes of shared memory that a block may have.

@@ -20,6 +20,8 @@ namespace {
 int availability_state = -1;
 std::atomic<bool> deterministic_flag{false};
 std::atomic<bool> forked_after_use{false};
+// Stands in where the runtime does not tell the current one: a device's tables stay its own.
+thread_local int selected_device = -1;
 
 // The record that hipGetDevicePropertiesR0600 fills, and where its texts stand.
 constexpr size_t kPropertiesBytes = 1472;
@@ -109,12 +111,13 @@ int select_device(int dev_id) {
   }
   if (!available()) throw std::runtime_error("no HIP device available");
   KEVRA_CHECK(::kevra::hip_dl::api().SetDevice(dev_id));
+  selected_device = dev_id;
   return dev_id;
 }
 
 int current_device() {
   int device = -1;
-  return hip_dl::api().GetDevice(&device) == 0 ? device : -1;
+  return hip_dl::api().GetDevice(&device) == 0 ? device : selected_device;
 }
 
 int device_shared_limit(int dev) {
