@@ -14,8 +14,9 @@ import pytest
 
 # Thread order and check mode belong to kernels: these have nothing to do with them, and some take minutes.
 if os.environ.get("KEVRA_CPU_ORDER") or os.environ.get("KEVRA_CPU_CHECK"):
-    collect_ignore = ["test_campaigns.py", "test_cuda_device.py", "test_demo.py", "test_filters.py",
-                      "test_machine_code.py", "test_package.py", "test_peers.py", "with_torch"]
+    collect_ignore = ["test_cache.py", "test_campaigns.py", "test_constant_q_plan.py", "test_cuda_device.py",
+                      "test_demo.py", "test_docs.py", "test_filters.py", "test_machine_code.py", "test_package.py",
+                      "test_peers.py", "test_surface.py", "test_tune.py", "with_torch"]
 
 
 def pytest_configure(config):
