@@ -87,7 +87,7 @@ def test_silence_and_single_zero_bins_have_finite_gradients(n, prec):
     only_first = np.eye(1, n // 2 + 1)
     got = resident(y, only_first, n, n, False, 2, "power", np.ones((1, 3, 1)), prec)
     want = mel_transposed(y, only_first, n, n, False, 2, "power", np.ones((1, 3, 1)))
-    np.testing.assert_allclose(got, want, atol={FLOAT: 1e-5, DOUBLE: 1e-12}[prec] * abs(want).max())
+    np.testing.assert_allclose(got, want, atol={FLOAT: 1e-4, DOUBLE: 1e-12}[prec] * abs(want).max())
 
 
 def repeated(n, hop, output):

@@ -78,7 +78,8 @@ def tuned_then_plain(name, prec):
     one = job(name, prec)
     with Device() as device:
         data = np.random.default_rng(1).standard_normal(one.values).astype(one.storage)
-        x, out, epoch = device.upload(data), device.empty(1 << 16, np.float64), kevra.shape_epoch()
+        x = device.upload(np.append(data, np.zeros(100, one.storage)))  # irfft reads two reals a row more
+        out, epoch = device.empty(1 << 16, np.float64), kevra.shape_epoch()
         found = one.winners(x, **QUICK)
         assert kevra.shape_epoch() == epoch
         np.testing.assert_array_equal(device.download(x, data.shape, data.dtype), data)
