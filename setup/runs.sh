@@ -1,5 +1,5 @@
 # The test runs of ./test: each run writes a report, and finish_runs adds the reports up.
-# shellcheck shell=bash disable=SC2154 # cpp, py, expression and pytest_arguments are ./test's options
+# shellcheck shell=bash disable=SC2154 # cpp, py, quick, expression and pytest_arguments are ./test's options
 
 start_runs() {
   processors=$(nproc)
@@ -11,8 +11,12 @@ start_runs() {
 headline() { printf '\n== %s\n' "$*"; }
 
 run_label() {
-  local order=${1:+order $1} check=${2:+checked} label
-  label=$order${order:+${check:+, }}$check
+  local parts=() label
+  [ "$quick" = 1 ] || parts+=(lanes)
+  [ -z "$1" ] || parts+=("order $1")
+  [ -z "$2" ] || parts+=(checked)
+  label=$(printf ', %s' "${parts[@]}")
+  label=${label:2}
   say "${label:-plain}"
 }
 
@@ -50,13 +54,13 @@ run_cpp() {
     --timeout 240 --output-junit "$reports/cpp-$1.xml" "${filter[@]}" || broken+=("C++ tests ($1)")
 }
 
-# run_pytest LABEL: the Python tests with the package of the virtual environment. Exit status 5 says that no test
-# was selected, which a filter may well do.
+# run_pytest LABEL: the Python tests with the package of the virtual environment. Nearly all of their time goes into
+# compiling kernels. Exit status 5 says that no test was selected, which a filter may well do.
 run_pytest() {
   local status=0 filter=()
   [ -z "$expression" ] || filter=(-k "$expression")
   headline "Python tests ($1)"
-  (cd "$root" && "$python" -m pytest -n "$processors" --junitxml "$reports/python-$1.xml" "${filter[@]}" \
+  (cd "$root" && KEVRA_CPU_QUICK=$quick "$python" -m pytest -n "$processors" --junitxml "$reports/python-$1.xml" "${filter[@]}" \
     "${pytest_arguments[@]}") || status=$?
   [ $status = 0 ] || [ $status = 5 ] || broken+=("Python tests ($1)")
 }

@@ -26,9 +26,10 @@ void read_flag(const char* name, bool& out) {
 }
 
 // Check mode watches single blocks, and an order of blocks, whichever, means one after the other.
+// Lanes are more than half of a compile.
 void read_lanes(Settings& out) {
   read_flag("KEVRA_CPU_LANES", out.lanes);
-  out.lanes &= !out.check && variable("KEVRA_CPU_ORDER").empty();
+  out.lanes &= !out.check && !out.quick && variable("KEVRA_CPU_ORDER").empty();
 }
 
 void read_order(Settings& out) {
@@ -78,6 +79,7 @@ Settings read_environment() {
   read_order(out);
   read_flag("KEVRA_CPU_NULL", out.null_launches);
   read_flag("KEVRA_CPU_CHECK", out.check);
+  read_flag("KEVRA_CPU_QUICK", out.quick);
   read_lanes(out);
   const std::string_view debug = variable("KEVRA_DEBUG");
   out.debug = !debug.empty() && debug.front() >= '1' && debug.front() <= '9';

@@ -19,7 +19,9 @@ struct Settings {
   size_t shared_limit = 65536;   // SHARED_LIMIT: bytes of shared memory a block may ask for
   Order order = Order::forward;  // ORDER: forward, reverse or shuffle:seed
   uint64_t order_seed = 0;
-  bool lanes = true;  // LANES: kernels may run in SIMD lanes; never in check mode or in a set order
+  bool quick = false;  // QUICK: kernels compile sooner and run slower; check mode has its own way
+  bool lanes =
+      true;  // LANES: kernels may run in SIMD lanes; never quick, checked or in a set order
   bool null_launches = false;  // NULL: launches are accepted and do nothing
   bool check = false;          // CHECK: check mode
   bool debug = false;          // KEVRA_DEBUG above 0: which kernels run in lanes, and how they fare

@@ -52,6 +52,7 @@ const Command compile_options = {
 #endif
 };
 const Command fast_options = {"-O3"};
+const Command quick_options = {"-O1"};
 // Vectors as long as the lanes are wide. The first error is enough: it says why the kernels run
 // block by block. Cells of shared memory are looked at as elements of several types.
 const Command lane_options = {"-w",
@@ -165,7 +166,9 @@ kevra_platform::Compiled kevra_platform::compile_kernels(const KernelSource& sou
 
   Command compile = {clang_path()};
   append(compile, compile_options);
-  append(compile, settings().check ? check_options : fast_options);
+  append(compile, settings().check   ? check_options
+                  : settings().quick ? quick_options
+                                     : fast_options);
   append(compile, includes);
   append(compile, {"-o", object, text});
   const ProgramResult compiled = run_program(compile);

@@ -98,10 +98,17 @@ std::string kept_compiler_name() {
   return name;
 }
 
+// Code objects of one way of compiling are of no use to another.
+std::string compiled_how() {
+  if (settings().check) return "-check";
+  if (settings().quick) return "-quick";
+  return settings().lanes ? "" : "-blocks";
+}
+
 std::string make_name() {
   std::string name = kept_compiler_name();
   if (name.empty()) name = short_hash(hash_text(processor_flags()));
-  return "cpu-" + name + (settings().check ? "-check" : settings().lanes ? "" : "-blocks");
+  return "cpu-" + name + compiled_how();
 }
 
 }  // namespace
