@@ -144,7 +144,8 @@ run_coverage() {
   say "File by file in $log_dir/coverage.txt"
 }
 
-# The package as a user gets it: a wheel, in an environment that has nothing else, away from the source.
+# The package as a user gets it: a wheel, in an environment that has nothing else, away from the source; then the demo
+# with it.
 run_wheel() {
   local place=$reports/wheel
   unset KEVRA_HIP_PATH KEVRA_HIPRTC_PATH PYTHONPATH
@@ -156,6 +157,9 @@ run_wheel() {
     run_logged wheel-venv "Creating an empty environment" "$python" -m venv "$place/venv" &&
     run_logged wheel-install "Installing the wheel" "$place/venv/bin/python" -m pip install "$place"/kevra-*.whl &&
     (cd "$place" && "$place/venv/bin/python" "$root/tests/wheel_smoke.py") &&
+    run_logged wheel-demo-packages "Packages for the demo" \
+      "$place/venv/bin/python" -m pip install --only-binary :all: matplotlib scipy &&
+    (cd "$place" && "$place/venv/bin/python" "$root/python/demo/recording.py" --output "$place/out") &&
     say '<testsuite><testcase name="wheel"/></testsuite>' >"$reports/wheel.xml" || broken+=("wheel")
 }
 
