@@ -13,10 +13,12 @@ _keys = itertools.count()
 
 @dataclass(frozen=True)
 class Memory:
-    """What an argument is the device address of: the numbers there before the call."""
+    """What an argument is the device address of: the numbers there before the call. Fresh ones are all written and not
+    read."""
 
     array: np.ndarray
     written: bool = False
+    fresh: bool = False
 
 
 @dataclass(frozen=True)
@@ -71,7 +73,7 @@ class Shape:
 
     @property
     def frames(self) -> int:
-        return self.length // self.hop + 1
+        return (self.length - self.n_fft % 2) // self.hop + 1
 
 
 class Numbers:
@@ -90,15 +92,24 @@ class Numbers:
         return (self.rng.standard_normal(extents) + 1j * self.rng.standard_normal(extents)).astype(self.shape.complex)
 
     def out(self, *extents, kind="real"):
-        return Memory(np.full(extents, 7, getattr(self.shape, kind)), written=True)
+        return Memory(np.full(extents, 7, getattr(self.shape, kind)), written=True, fresh=True)
 
 
 def calls(shape: Shape = Shape()) -> dict[str, Call]:
     """The table, in the order of the documentation, landed or not."""
+    return {call.name: call for call in each_call(shape)}
+
+
+def call_of(name: str, shape: Shape) -> Call:
+    """One of the table; what comes behind it is not made."""
+    return next(call for call in each_call(shape) if call.name == name)
+
+
+def each_call(shape: Shape):
     numbers = Numbers(shape)
     families = (queries, transforms, spectrograms, bands, statistics, frame_features, constant_q, filters, routing,
                 tuners)
-    return {call.name: call for family in families for call in family(shape, numbers)}
+    return (call for family in families for call in family(shape, numbers))
 
 
 def new_key() -> str:

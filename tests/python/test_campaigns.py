@@ -1,4 +1,4 @@
-"""A short sample of each campaign under bench/: failures of the runtime, wrong calls, many calls at once."""
+"""A short sample of each campaign under bench/: failures of the runtime, wrong calls, many at once, checked kernels."""
 
 import sys
 from pathlib import Path
@@ -7,10 +7,12 @@ import pytest
 from kevra import _rocm
 
 BENCH = Path(__file__).parents[2] / "bench"
+VIEWER = Path(_rocm.__file__).parents[2] / "tools" / "kevra_kernels"
 SAMPLES = {
     "faults": ["--every", "21", "--most", "1", "--jobs", "1"],
     "bad_input": ["--every", "7", "--calls", "200", "--jobs", "1"],
     "load": ["--every", "25", "--minutes", "0.02", "--calls", "1000"],
+    "checked": ["--only", "frame_contrast", "inverse_mel", "--jobs", "1"],
 }
 WATCHED = """
 import os, sys, time
@@ -28,6 +30,8 @@ for case, answer in children.each(work, cases, 2, 1.5):
 
 @pytest.mark.parametrize("campaign", SAMPLES)
 def test_a_sample_has_no_failures(run_python, campaign):
+    if campaign == "checked" and not VIEWER.exists():
+        pytest.skip("kevra_kernels is not built; ./test builds it unless --python-only is given")
     child = run_python([BENCH / f"{campaign}.py", *SAMPLES[campaign]], check=False)
     assert child.returncode == 0, child.stdout + child.stderr
 

@@ -75,7 +75,7 @@ std::vector<Values> four_step_samples() {
           samples.push_back({{"n", n}, {"prec", prec}, {"step", step}, {"inverse", inverse}});
         }
         samples.push_back({{"n", n}, {"prec", prec}, {"step", step}, {"places", kKept}});
-        if (prec == codegen::kHalf) continue;
+        if (prec == codegen::kHalf || n % 4 != 0) continue;  // no convolution pads to such an n
         for (int inverse : {0, 1}) {
           samples.push_back({{"n", n},
                              {"prec", prec},

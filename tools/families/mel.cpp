@@ -117,7 +117,7 @@ Family mel_family() {
 Family mel_bands_family() {
   return {"mel_bands",
           "bands of spectra in device memory",
-          {{"bins", 1025, 1, 1 << 16, "values of a spectrum"}, bands, precision, form},
+          {{"bins", 10001, 1, 1 << 16, "values of a spectrum"}, bands, precision, form},
           make_mel_bands,
           {{{"prec", codegen::kHalf}},
            {{"prec", codegen::kFloat}},

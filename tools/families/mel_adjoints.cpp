@@ -13,6 +13,7 @@ namespace {
 namespace codegen = kevra::codegen;
 
 const Parameter n_fft{"n_fft", 1024, 2, 1 << 16, "frame length in samples"};
+const Parameter staged_n_fft{"n_fft", 20000, 2, 1 << 20, "frame length in samples, beyond a block"};
 const Parameter n_mels{"n_mels", 128, 1, 1 << 16, "bands"};
 const Parameter power{"power", 2, 1, 2, "the bank is applied to magnitudes (1) or powers (2)"};
 const Parameter form{"form", 3, 0, 3, "0 and 2 the band, 1 its square root, 3 decibels"};
@@ -94,7 +95,7 @@ Family mel_adjoint_family() {
 Family mel_adjoint_sums_family() {
   return {"mel_adjoint_sums",
           "from the gradients of bands to those of their sums over spectra in device memory",
-          {n_fft, n_mels, power, form, float_or_double},
+          {staged_n_fft, n_mels, power, form, float_or_double},
           make_front<codegen::MelGradientSums>,
           {{{"prec", 1}}, {{"prec", 2}}, {{"power", 1}, {"form", 1}}, {{"form", 2}}}};
 }
@@ -102,7 +103,7 @@ Family mel_adjoint_sums_family() {
 Family mel_adjoint_pack_family() {
   return {"mel_adjoint_pack",
           "from the gradients of bands' sums to those of bins",
-          {n_fft, n_mels, power, crowded, float_or_double},
+          {staged_n_fft, n_mels, power, crowded, float_or_double},
           make_front<codegen::MelGradientPack>,
           {{{"prec", 1}}, {{"prec", 2}}, {{"power", 1}}, {{"crowded", 1}}}};
 }

@@ -115,8 +115,9 @@ Family frame_spectral_family() {
 
 Family frame_contrast_family() {
   return {"frame_contrast", "contrast of bands of the spectra of a signal's frames",
-          frame_parameters({{"n_bands", 7, 1, 1 << 16, "bands"}, widest}), make_frame_contrast,
-          frame_samples({{{"n_fft", 4096}}})};
+          frame_parameters({{"n_bands", 7, 1, 1 << 16, "bands"},
+                            {"widest", 128, 2, 1 << 15, "bins of the widest band"}}),
+          make_frame_contrast, frame_samples({{{"n_fft", 4096}}})};
 }
 
 Family spectral_family() {
