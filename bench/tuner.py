@@ -96,8 +96,9 @@ def compare(case: Case, rounds: int, hip: Hip, flush: int) -> Case:
             hip.synchronize()
             one[i] = hip.microseconds(start, stop)
     first, tuned, again = times.T
-    return replace(case, default_us=np.median(first), tuned_us=np.median(tuned),
-                   ratio=np.median(tuned / np.sqrt(first * again)), repeat=np.median(again / first))
+    medians = (first, tuned, tuned / np.sqrt(first * again), again / first)
+    default_us, tuned_us, ratio, repeat = (float(np.median(values)) for values in medians)
+    return replace(case, default_us=default_us, tuned_us=tuned_us, ratio=ratio, repeat=repeat)
 
 
 def main() -> int:
