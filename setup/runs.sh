@@ -73,7 +73,7 @@ fresh_cache() {
 
 # device_switches ORDER CHECK: the CPU device's switches for the run that follows.
 device_switches() {
-  unset KEVRA_CPU_ORDER KEVRA_CPU_CHECK
+  unset KEVRA_CPU_ORDER KEVRA_CPU_CHECK KEVRA_CPU_QUICK
   [ -z "$1" ] || export KEVRA_CPU_ORDER=$1
   [ -z "$2" ] || export KEVRA_CPU_CHECK=$2
 }
