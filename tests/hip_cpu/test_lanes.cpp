@@ -171,26 +171,37 @@ TEST(Lanes, AreOffByTheSwitchAndInModesOfSingleBlocks) {
   }
 }
 
-TEST(Lanes, KernelThatMostlyPartsLosesThem) {
+// 6400 blocks whose groups all part, and as many whose groups do not: few of the first are tried in
+// lanes, and most of the second run in them.
+void expect_lanes_back(unsigned launches) {
   std::string output;
   if (!in_child_with({{"KEVRA_DEBUG", "1"}, {"KEVRA_CPU_THREADS", "1"}}, &output)) {
     const Fate fate = fate_of(output, "odd");
-    EXPECT_GT(fate.groups, 0U) << output;
-    EXPECT_LT(fate.groups, 40U) << "of 800 groups";
+    EXPECT_GE(fate.diverged, 16U) << output;
+    EXPECT_LT(fate.diverged, 80U) << output;
+    EXPECT_GT((fate.groups - fate.diverged) * fate.lanes, 4800U) << output;
     return;
   }
   const Kernels kernels(R"(
-extern "C" __global__ void odd(int* out) {
+extern "C" __global__ void odd(int* out, int modulus) {
   __syncthreads();
-  int parity = blockIdx.x % 2;
-  out[blockIdx.x] = parity;
+  int remainder = blockIdx.x % modulus;
+  out[blockIdx.x] = remainder;
 }
 )");
   Buffer<int> out(6400);
-  ASSERT_EQ(kernels.run("odd", {6400}, {1}, 0, out.device), "");
+  ASSERT_EQ(kernels.run("odd", {6400}, {1}, 0, out.device, 2), "");
   out.download();
   for (int i = 0; i < 6400; ++i) ASSERT_EQ(out.values[i], i & 1);
+  for (unsigned i = 0; i < launches; ++i)
+    ASSERT_EQ(kernels.run("odd", {6400 / launches}, {1}, 0, out.device, 1), "");
+  out.download();
+  for (int i = 0; i < 6400; ++i) ASSERT_EQ(out.values[i], i < int(6400 / launches) ? 0 : i & 1);
 }
+
+TEST(Lanes, KernelThatMostlyPartsHasThemBackInALongLaunch) { expect_lanes_back(1); }
+
+TEST(Lanes, KernelThatMostlyPartsHasThemBackInShortLaunches) { expect_lanes_back(100); }
 
 // Rows of every element type into lanes and back, turned around: each lane has a row of its own.
 TEST(Lanes, EveryElementTypeMovesThroughThem) {

@@ -57,9 +57,10 @@ kevra_cpu_device::LaneHooks lane_hooks() {
 
 LaneLaunch::LaneLaunch(const Launch& launch) : launch_(launch), pieces_(count_of(launch.grid)) {
   const LaneEntry* entry = launch.kernel->lane_entry();
-  if (entry == nullptr || !settings().lanes || launch.grid.x < entry->lanes ||
-      !launch.kernel->lane_record().worthwhile())
-    return;
+  if (entry == nullptr || !settings().lanes || launch.grid.x < entry->lanes) return;
+  // As groups, such a launch would keep few processors busy.
+  few_ = pieces_ / entry->lanes < LaneRecord::patience;
+  if (few_ && !launch.kernel->lane_record().worth_a_try()) return;
   lanes_ = entry->lanes;
   groups_ = launch.grid.x / lanes_;
   singles_ = launch.grid.x % lanes_;
@@ -87,11 +88,10 @@ bool LaneLaunch::run(uint64_t piece, std::string& report) const {
 bool LaneLaunch::run_group(Dim3 first, std::string& report) const {
   LaneRecord& record = launch_.kernel->lane_record();
   BlockRunner& runner = BlockRunner::of_this_thread();
-  if (record.worthwhile()) {
-    record.groups.fetch_add(1, std::memory_order_relaxed);
+  if (few_ || record.worth_a_try()) {
     const GroupEnd end = runner.run_group(launch_, first, report);
+    record.note(end == GroupEnd::diverged);
     if (end != GroupEnd::diverged) return end == GroupEnd::done;
-    record.diverged.fetch_add(1, std::memory_order_relaxed);
   }
   record.blocks.fetch_add(lanes_, std::memory_order_relaxed);
   for (uint32_t lane = 0; lane < lanes_; ++lane)

@@ -15,12 +15,24 @@ namespace kevra_cpu {
 struct LaneRecord {
   std::atomic<uint64_t> groups{0}, diverged{0}, blocks{0};  // blocks: those that ran alone
 
-  // A kernel whose groups mostly diverge runs faster block by block.
-  bool worthwhile() const {
-    const uint64_t bad = diverged.load(std::memory_order_relaxed);
-    return bad < patience || 2 * bad < groups.load(std::memory_order_relaxed);
+  // A kernel whose groups mostly diverge runs faster block by block. One in sixteen tries it again:
+  // short signals are all edge, and the next one may be long.
+  bool worth_a_try() {
+    return partings_.load(std::memory_order_relaxed) < patience ||
+           refused_.fetch_add(1, std::memory_order_relaxed) % seldom == seldom - 1;
   }
-  static constexpr uint64_t patience = 16;
+  void note(bool group_diverged) {
+    groups.fetch_add(1, std::memory_order_relaxed);
+    if (group_diverged) diverged.fetch_add(1, std::memory_order_relaxed);
+    const int now = partings_.load(std::memory_order_relaxed);
+    if (group_diverged ? now < patience : now > 0)
+      partings_.store(now + (group_diverged ? 1 : -1), std::memory_order_relaxed);
+  }
+  static constexpr int patience = 16, seldom = 16;
+
+ private:
+  std::atomic<int> partings_{0};  // up by one that diverges, down by one that does not
+  std::atomic<unsigned> refused_{0};
 };
 
 class LaneLaunch {
@@ -39,6 +51,7 @@ class LaneLaunch {
   const Launch& launch_;
   uint32_t lanes_ = 0;
   uint32_t groups_ = 0, singles_ = 0;  // of one row of blocks along x
+  bool few_ = false;                   // too few groups to decide about each
   uint64_t pieces_;
 };
 
