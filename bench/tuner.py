@@ -45,7 +45,7 @@ class Case:
     repeat: float = 0  # the default again, over itself
 
     def is_default(self) -> bool:
-        return all((t.ept, t.fpb, t.tpf, t.core, t.var) == (0, 0, 0, 0, 0) for t in self.tuned)
+        return not any(value for one in self.tuned for value in one.hint)
 
 
 def cases(op: str, shape: dict, x: int, out: int) -> list[Case]:

@@ -46,9 +46,13 @@ class TunedShape:
     def shape(self) -> tuple:
         return self.op, self.n_fft, self.hop, self.center, self.bits, self.output, self.extra
 
+    @property
+    def hint(self) -> tuple:
+        return self.ept, self.fpb, self.tpf, self.core, self.var
+
     def apply(self, device: int = 0) -> None:
         """Sets the hint: calls of this shape take the kernel from here on."""
-        _rocm.set_shape_hint(*self.shape, device, self.ept, self.fpb, self.tpf, self.core, self.var)
+        _rocm.set_shape_hint(*self.shape, device, *self.hint)
 
 
 def tuned_file(device: int = 0) -> Path:

@@ -31,7 +31,7 @@ def tune(op, *, prec=1, device=0, again=False, iters=None, warmup=None, **shape)
     that matter most.
     prec: 0 half storage, 1 float, 2 double, 3 packed half, as the resident functions take it.
     again: measure what the file already has.
-    iters, warmup: the most runs of a variant's two measurements, by default the tuners' own.
+    iters, warmup: the most runs of a variant in each measurement, by default the tuners' own.
 
     Returns one ``TunedShape`` for each hint that was set. Shapes that no hint steers (prime lengths, say) have none.
     Raises TypeError for what is missing or unknown in a shape, ValueError for what the operation refuses, RuntimeError
@@ -80,7 +80,10 @@ def _known(one: Job, kept: dict[tuple, TunedShape]) -> list[TunedShape]:
 
 
 def _measured(one: Job, device: int, counts: dict) -> list[TunedShape]:
+    """The tuner's winners, or the default where a second run of the tuner prefers it: other work on the machine may
+    hold up the default in one of them."""
     with Noise(one.values, one.storage, device) as address:
-        winners = one.winners(address, device=device, **counts)
-    return [TunedShape(*shape, **winner, batch=one.batch, length=one.length)
-            for shape, winner in zip(one.shapes, winners)]
+        first, second = ([TunedShape(*shape, **winner, batch=one.batch, length=one.length)
+                          for shape, winner in zip(one.shapes, one.winners(address, device=device, **counts))]
+                         for _ in range(2))
+    return [winner if any(again.hint) else again for winner, again in zip(first, second)]
